@@ -1,0 +1,233 @@
+#!/usr/bin/env python3
+"""Writes the seed files of fuzz/corpus/: small inputs, one for each thing that a target tells apart.
+
+Seeds that came from a mended fault are kept beside them under names that begin with "found-"; this script leaves
+those alone.
+"""
+
+import pathlib
+import struct
+
+CORPUS = pathlib.Path(__file__).resolve().parent / "corpus"
+CLEAR, SHOWN, ENVELOPE, TICK = range(4)
+ACCK, ENCR, RAUP, RAUA, PING, PONG, COFA, SRDP = 164, 165, 61, 62, 151, 152, 9, 13
+
+
+def text(*strings):
+    return b"".join(s.encode() + b"\0" for s in strings)
+
+
+def request(sequence, *strings, function=1, kind=RAUP):
+    return bytes([kind, function, 0]) + struct.pack(">I", sequence) + text(*strings)
+
+
+def step(way, packet=b"", peer=0, wait=0):
+    control = bytes([way | peer << 2 | wait << 6])
+    return control if way == TICK else control + struct.pack(">H", len(packet)) + packet
+
+
+def requests():
+    get = request(7, "DB", "G", "USERS", "ID", "anna", "NAME")
+    for way, name in ((CLEAR, "clear"), (SHOWN, "shown"), (ENVELOPE, "sealed")):
+        yield f"request-{name}", step(way, get, peer=1)
+        yield f"ping-{name}", step(way, bytes([PING]) + b"echo", peer=2)
+        yield f"unknown-{name}", step(way, bytes([200]) + b"what", peer=3)
+        yield f"empty-{name}", step(way, b"", peer=1)
+    yield "replay", step(SHOWN, get, 1) * 2 + step(SHOWN, request(8, "DB"), 1) + step(SHOWN, get, 1)
+    yield "asynchronous", b"".join(step(ENVELOPE, request(n, "a", function=4), 2) for n in (1, 2, 1))
+    yield "sessions-swept", step(SHOWN, get, 4) + step(TICK, wait=3) + step(SHOWN, get, 5) + step(TICK, wait=1)
+    yield "answer", step(CLEAR, request(0x01020304, "0", "Anna", function=2, kind=RAUA), 2)
+    yield "answer-refused", step(CLEAR, request(0x01020304, function=3, kind=RAUA), 2)
+    yield "refusal", step(CLEAR, bytes([COFA, 1, 61]), 3)
+    yield "reliable", step(CLEAR, bytes([SRDP, 0, 7, 0, PING]), 3)
+    yield "from-ourselves", step(CLEAR, bytes([PING]), 0)
+    yield "framed", step(SHOWN, request(1, "\x01%41b%7e\x01", "\x01", "\x01%4\x01", "\x02\x03"), 1)
+    yield "results-dropped", step(SHOWN, request(1, "clear", "x", "y"), 1)
+    yield "results-full", step(SHOWN, request(1, "fill", "0123456789" * 9, "y"), 1)
+    yield "key-in-envelope", step(ENVELOPE, bytes([ACCK]) + b"K" * 16 + get, 1)
+    yield "envelope-in-envelope", step(ENVELOPE, bytes([ENCR]) + b"E" * 48, 2)
+    yield "unterminated", step(SHOWN, get[:-1], 1)
+
+
+def envelopes():
+    key = bytes(range(16))
+    for length in (0, 1, 15, 16, 17, 21, 33, 49):
+        yield f"plain-{length}", key + bytes([PING]) + b"x" * (length - 1) if length else key
+    for length in (16, 17, 32, 33, 34, 49, 65):
+        yield f"sealed-{length}", key + bytes([ENCR]) + bytes(range(length - 1))
+    yield "padding-only", key + b"\xa5" * 20
+    yield "padding-first", key + b"\xa5\xa5rest"
+    yield "shown-key", bytes.fromhex("0123456789abcdef0123456789abcdef") + request(1, "DB")
+    yield "key-alone", key + bytes([ACCK]) + key
+
+
+# Words that steer the layouts of the trace: a session word, a client of the extended form, a plain client.
+SESSION, EXTENDED, PLAIN = (struct.pack(">I", n) for n in (0x80000001, 0x40000002, 3))
+
+
+TRACED = (*range(1, 31), 51, 52, *range(55, 66), 128, 129, 133, 141, 145, 149, 151, 156, 200)
+ATTRIBUTES = {  # by form of packet: those whose value is shown
+    4: (1, 2, 4, 5, 6, 7, 8, 128), 5: (7, 8), 22: (13, 21, 29, 37), 23: (13, 20, 29, 37),
+}
+
+
+def traces():
+    tail = bytes([5]) + b"topic" + bytes([4]) + b"text\n\x1b" + bytes(range(1, 40))
+    for kind in set(TRACED) - {SRDP, COFA, 58}:
+        yield f"type-{kind:03}", bytes([kind]) + SESSION + EXTENDED + struct.pack(">H", 9) + tail
+    for kind in (2, 10, 15, 17):
+        yield f"plain-client-{kind:03}", bytes([kind]) + PLAIN + tail
+    for kind, attributes in ATTRIBUTES.items():
+        head = bytes([kind]) + (PLAIN if kind < 10 else SESSION + b"\0\1")
+        for attribute in attributes:
+            yield f"attribute-{kind:03}-{attribute:03}", head + bytes([attribute]) + b"\0" * 7 + b"value"
+    for attribute in (1, 4, 30):
+        head = bytes([23]) + SESSION + b"\0\1" + bytes([29])
+        yield f"client-attribute-{attribute:03}", head + PLAIN * 2 + bytes([attribute]) + b"\1" * 6
+    yield "empty", b""
+    yield "reliable-ping", bytes([SRDP, 0, 1, 0, PING]) + b"hello"
+    yield "refused-request", bytes([COFA, 1]) + request(1, "DB")
+    yield "refused-unnamed", bytes([COFA, 13])
+    yield "forwarded", bytes([58]) + PLAIN * 2 + bytes([PING])
+    yield "key-shown", bytes([ACCK]) + b"K" * 16 + request(1, "DB")
+    yield "deep", bytes([COFA, 1]) * 40 + bytes([SRDP, 0, 1, 0]) * 10 + bytes([PING])
+    yield "forged-line", bytes([19]) + b"\0\0\0\1\0\1" + bytes([14]) + b"x\nE20011023 PID" + bytes([1, 2]) + b"\r\n"
+    yield "many-members", bytes([56]) + PLAIN * 3 + bytes([255])
+
+
+def expansions():
+    def code(pairs, end, room, data):
+        body = b"".join(bytes([symbol]) + struct.pack(">I", weight) for symbol, weight in pairs)
+        return bytes([len(pairs)]) + body + struct.pack(">H", end) + bytes([room]) + data
+
+    skewed = [(byte, min(2**n, 2**32 - 1)) for n, byte in enumerate(b"etaoinshrdlucmfw")]
+    deep = [(n, 2 ** min(n, 31)) for n in range(64)]
+    fibonacci, one, two = [], 1, 1
+    for n in range(46):
+        fibonacci.append((n, one))
+        one, two = two, one + two
+    yield "flat", code([(n, 1) for n in range(255)], 1, 40, b"the quick brown fox")
+    yield "skewed", code(skewed, 1, 8, bytes(range(0, 256, 5)))
+    yield "deep", code(deep, 1, 255, b"\xff" * 40 + b"\0" * 8)
+    yield "fibonacci", code(fibonacci, 0, 3, b"\0" * 30)
+    yield "no-weights", code([], 0, 16, b"abc")
+    yield "heavy-end", code([(97, 1)], 65535, 16, b"\x55\xaa")
+    yield "sums-wrap", code([(n, 2**32 - 1) for n in range(8)], 1, 16, b"\x55\xaa" * 8)
+    yield "no-bytes", code(skewed, 1, 0, b"")
+
+
+def configurations():
+    def file(content, paragraph=64):
+        return bytes([paragraph]) + content
+
+    yield "usual", file(b"# names\nDB one\nDB two\n\n  key   value with blanks  \n")
+    yield "no-values", file(b"alone\nalone\n  \n#\n")
+    yield "continued", file(b"key one \\\n  two \\\n\nnext 1\n")
+    yield "continued-to-end", file(b"key one \\")
+    yield "line-feeds", file(b"mail hello\\nworld\\n\\n\\\\n\n")
+    yield "overwritten", file(b"key 1\nother 2\nkey 3\n")
+    yield "long-line", file(b"key " + b"x" * 4100 + b" tail\nnext 1\n", 255)
+    yield "long-key", file(b"k" * 4200 + b" value\n")
+    yield "too-long-value", file(b"key a\\\n" + (b"y" * 4000 + b"\\\n") * 5)
+    yield "zero-bytes", file(b"key\0hidden value\0more\n\0\nk \0\n")
+    yield "carriage-returns", file(b"key value\r\n\r\n\tkey2\tvalue2\v\f\r\n")
+    yield "paragraphs", file(b"one\ntwo\n\n# not\nthree\nfour\n\n\nfive", 8)
+    yield "tiny-paragraphs", file(b"one\ntwo\n", 1)
+    yield "no-line-end", file(b"key value")
+    yield "access-keys", file(b"127.0.0.1 encrypt abcdefghijklmnopabcdefghijklmnop\nhost encrypt\n")
+
+
+def statements():
+    for number, sql in enumerate((
+        "SELECT NAME, CITY FROM USERS WHERE ID = :1",
+        "INSERT INTO T (A, B) VALUES (:A, :a, :B, ?1)",
+        "UPDATE T SET A = ':1', \"B:2\" = :2 -- :3\nWHERE C = :4 /* :5 */",
+        "SELECT 'it''s', \"na\"\"me\" FROM T WHERE A <> :1 AND B >= :2 || :1",
+        "SELECT A::text FROM T WHERE B = :B::int",
+        "SELECT 'not closed :1", "SELECT \"not closed :1", "SELECT /* not closed :1", "SELECT -- :1",
+        ":", "::", ":::1", "?", "?1", ":1:2", "a:1", "1:1", ": 1", "1e5.:x", "'", "", "/*/ :1", "--",
+        "\u00e4 = :\u00f6",
+        "SELECT A FROM T ORDER BY A LIMIT :9 OFFSET :10", ":$ :# :_", "x != :1; y == :2",
+    )):
+        yield f"statement-{number:02}", sql.encode()
+
+
+def conversations():
+    receive, tick, send, forward, ack, ack_sent, cancel, clock = range(8)
+
+    def at(what, *rest, peer=0, wait=0):
+        content = b"".join(struct.pack(">H", len(part)) + part if isinstance(part, bytes) else bytes([part])
+                           for part in rest)
+        return bytes([what | peer << 3 | wait << 5]) + content
+
+    def data(number):
+        return bytes([SRDP]) + struct.pack(">H", number) + bytes([0, PING]) + b"hello"
+
+    second, lifetime_over = 1, 7  # places in the table of waits
+    yield "copies", b"\x10" + at(receive, data(1)) * 2 + at(receive, data(1), peer=1) + at(receive, data(2))
+    yield "forgotten", (b"\x10" + at(receive, data(1)) + at(tick, wait=lifetime_over) + at(receive, data(1)) * 2)
+    yield "too-many", b"\x02" + b"".join(at(receive, data(n % 5)) for n in range(12))
+    yield "too-short", b"\x10" + b"".join(at(receive, data(1)[:n]) + at(ack, data(1)[:n]) + at(forward, data(1)[:n])
+                                          for n in range(5))
+    yield "given-up", b"\x10" + at(send, 1, PING, b"body") + at(forward, data(9)) + at(tick, wait=second) * 70
+    yield "acknowledged", b"\x10" + at(forward, data(9)) * 3 + (at(ack_sent, 1) + at(tick, wait=second)) * 6
+    yield "late", b"\x10" + at(forward, data(9)) + at(tick, wait=lifetime_over) * 2 + at(ack_sent, 0)
+    yield "cancelled", (b"\x10" + at(send, 1, 23, bytes(3) + b"abc") + at(send, 1, 22, b"") + at(send, 2, 23, b"x")
+                        + at(cancel, 1, 23, 98) + at(cancel, 1, 22, 0) + at(cancel, 2, 0, 0) + at(tick, wait=5))
+    yield "long", b"\x10" + at(send, 1, PING, b"b" * 700) + at(forward, data(1) + b"f" * 700) + at(tick, wait=6)
+    yield "clock-set", (b"\x10" + at(receive, data(1)) + at(forward, data(1)) + at(clock, 0x7f) + at(tick)
+                        + at(receive, data(1)) + at(clock, 0x80) + at(tick, wait=5) + at(receive, data(1)))
+    yield "strange-ack", b"\x10" + at(ack, bytes([14, 0, 7])) + at(ack, b"", peer=3) + at(ack_sent, 0)
+
+
+def orders():
+    unchecked, reread, traced = 32, 64, 128
+
+    def order(action, way=SHOWN, peer=0, flags=reread, rest=b""):
+        return bytes([way | peer << 2 | flags]) + bytes([132]) + b"\1\2\3\4\5\6" + bytes([action]) + rest
+
+    for action in (0, 1, 2, 3, 4, 5, 255):
+        for way, name in ((CLEAR, "clear"), (SHOWN, "shown"), (ENVELOPE, "sealed")):
+            yield f"action-{action:03}-{name}", order(action, way, peer=4, rest=b"rest")
+        yield f"action-{action:03}-unchecked", order(action, CLEAR, peer=5, flags=unchecked | traced)
+    for peer in range(8):
+        yield f"from-{peer}", order(2, ENVELOPE, peer, traced | reread)
+        yield f"strange-from-{peer}", order(9, ENVELOPE, peer)
+    yield "nobody-reads-again", order(3, flags=0) + order(3, flags=0)
+    yield "too-short", order(1, peer=4)[:-1]
+    yield "type-alone", order(1, peer=4)[:2]
+    yield "nothing", order(1, peer=4)[:1]
+    yield "no-order", bytes([SHOWN]) + bytes([PING]) + bytes(6) + b"\1"
+    yield "long", order(7, ENVELOPE, 4, rest=b"x" * 900)
+
+
+def mappings():
+    usual = b"10.0.0.1:4000 192.168.1.1:5000\n"
+    yield "usual", b"# behind the gateway\n" + usual + b"10.0.0.2:4000\t192.168.1.1:5001\n\n"
+    yield "twice", usual + b"10.0.0.1:4000 192.168.1.2:5000\n10.0.0.3:1 192.168.1.1:5000\n"
+    yield "names", b"gateway:1 localhost:2\nlocalhost:3 nobody:4\nnobody:5 gateway:6\n"
+    yield "one-column", b"10.0.0.1:4000\n" + usual
+    yield "three-columns", b"10.0.0.1:4000 192.168.1.1:5000 more\n"
+    yield "no-ports", b"10.0.0.1 192.168.1.1\n10.0.0.1: 192.168.1.1:\n10.0.0.1:x 10.0.0.1:1\n"
+    yield "large-ports", b"1.1.1.1:65536 1.1.1.1:99999999999999999999\n1.1.1.1:1x 1.1.1.1:0\n"
+    yield "strange-addresses", b"256.1.1.1:1 0.0.0.0:2\n1.2:3 1.2.3.4.5:4\n0x7f.1:5 255.255.255.255:6\n:7 1.:8\n"
+    yield "many-colons", b"1.1.1.1:2:3 1.1.1.1::4\n::1:5 1.1.1.1:6\n"
+    yield "continued", b"1.1.1.1:1 \\\n 2.2.2.2:2\n1.1.1.1:1 2.2.2.2:2\\\n3\n"
+    yield "zero-bytes", b"1.1.1.1:1\0 2.2.2.2:2\n1.1.1.1:1 2.2.2.2:2\0\n"
+    yield "long-line", b"1.1.1.1:" + b"1" * 4200 + b" 2.2.2.2:2\n" + usual
+    yield "carriage-returns", usual.replace(b"\n", b"\r\n") * 2 + b"1.1.1.1:1 2.2.2.2:2"
+
+
+TARGETS = {
+    "request": requests, "envelope": envelopes, "trace": traces, "expander": expansions, "config": configurations,
+    "placeholders": statements, "srdp": conversations, "admin": orders, "ipmap": mappings,
+}
+
+for target, seeds in TARGETS.items():
+    folder = CORPUS / target
+    folder.mkdir(parents=True, exist_ok=True)
+    for old in folder.iterdir():
+        if not old.name.startswith("found-"):
+            old.unlink()
+    for name, content in seeds():
+        (folder / name).write_bytes(content)

@@ -1,0 +1,43 @@
+/* Any packet through the trace printer. It reads nothing outside of the packet, and the line that it writes is one
+ * line: no control byte of the packet gets into it.
+ *
+ * Input: the packet. */
+#include <algorithm>
+
+#include "fuzz/fuzz.h"
+#include "ivs/ivs.h"
+#include "process/owned.h"
+
+namespace {
+
+std::string traced(const Bytes &packet, const PacketAddress *peer) {
+    timeval when{};
+    char *text = nullptr;
+    size_t length = 0;
+    FILE *stream = open_memstream(&text, &length);
+    ivs_trace_packet(stream, &when, "TR ", packet.data(), static_cast<int>(packet.size()), peer);
+    fclose(stream);
+    const OwnedBlock<char> owner(text);
+    return std::string(text, length);
+}
+
+bool is_control(char character) {
+    const auto code = static_cast<unsigned char>(character);
+    return code < 32 || code == 127;
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    const PacketAddress peer{};
+    const Bytes packet(data, data + size);
+    const std::string line = traced(packet, &peer);
+
+    const size_t end = line.find('\n');
+    FUZZ_REQUIRE(line.starts_with("TR 19700101") || line.starts_with("TR 19691231"));
+    FUZZ_REQUIRE(end != std::string::npos);
+    FUZZ_REQUIRE(line.find_first_not_of('\n', end) == std::string::npos);  // line feeds at the end only
+    FUZZ_REQUIRE(std::none_of(line.begin(), line.begin() + static_cast<long>(end), is_control));
+    FUZZ_REQUIRE(size > 0 || line.ends_with("  0 \n"));
+    return 0;
+}

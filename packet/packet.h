@@ -1,0 +1,290 @@
+/* Sockets and datagrams: everything between the platform's messages and the network.
+ *
+ * All sockets are IPv4 datagram sockets. A failure is one of the PACKETERR... codes, and is in the log by the time
+ * the caller sees it. Nothing here closes a socket that it was handed, repeats a failed call, or ends the process.
+ *
+ * Mind the byte orders, they are part of the interface: a port given as a plain number is in host order unless its
+ * line says otherwise; an address is in network order unless its line says host order. For one thread. */
+#ifndef PACKET_PACKET_H
+#define PACKET_PACKET_H
+
+#include <netinet/in.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <sys/time.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** The record in which every address travels: family, then port and address in network order; 16 bytes. */
+typedef struct sockaddr_in PacketAddress;
+
+/** Result codes of the whole library. */
+enum {
+    PACKETERRSOCKET = -1001,     /* no socket, or one with a number that select can't hold */
+    PACKETERRBIND = -1002,       /* bind failed */
+    PACKETERRHOST = -1003,       /* a host name could not be resolved */
+    PACKETERRMEM = -1004,        /* out of memory */
+    PACKETERRBADSOCKET = -1005,  /* the descriptor is negative, or select can't hold it */
+    PACKETERRINTR = -1006,       /* interrupted, or something passing: the caller may try again */
+    PACKETERRTIMEOUT = -1007,    /* the wait ended with nothing to read */
+    PACKETERRSELECT = -1008,     /* select failed */
+    PACKETERRRECV = -1009,       /* a receive call, or the query for a pending error after a wait, failed */
+    PACKETERRLISTEN = -1010,     /* listen failed */
+    PACKETERRACCEPT = -1011,     /* accept failed for good */
+    PACKETERRWOULDBLOCK = -1012, /* a non-blocking call would block */
+    PACKETERRCONNECT = -1013,    /* connect failed */
+    PACKETERRSEND = -1014,       /* a send did not take the whole buffer */
+    PACKETERRINVAL = -1015       /* a send failed with EINVAL; a mail without recipient or text */
+};
+
+enum {
+    PACKET_MAX_DATAGRAM = 32768, /* what the run loops read into: the largest datagram of the system */
+    PACKET_ZERO_TAIL = 64        /* zero bytes that whoever reads a datagram lays behind it, so that the missing
+                                    fields of a short one read as zero and never as the datagram before */
+};
+
+/** The first address, network order, that a socket was asked to be bound to; 0 until then. Set even if that bind
+ *  then failed, and kept for the life of the process. */
+extern uint32_t packet_bound_ip;
+
+/** Set anew for each datagram read: 1 if it is to be treated as sent under a valid access key. */
+extern int keyAccepted;
+
+/** Whether the datagram read last came in an envelope that was opened: then nothing of it may go back in clear. An
+ *  envelope that could not be opened lies in the buffer as it came, still enciphered, and doesn't count. */
+int packet_came_in_envelope(void);
+
+/** The address, network order, under which this host's own access key is looked up; 0 until the first need of it,
+ *  0xffffffff if it could not be worked out. The bound address, or else what "localhost" stands for. */
+extern uint32_t packet_own_ip;
+
+/* ---- Bind address -------------------------------------------------------------------------------------------- */
+
+/** The configured bind address as text, a host name or dotted quad: process_context.bindIp as it stands, else the
+ *  first line of "<rootDir>/etc/bindip" without leading white space and without anything behind its last letter,
+ *  digit or point. The file is read on every call. Null when nothing is configured. The text of the file lies in a
+ *  static buffer until the next call; not to be written to. */
+char *packet_bindip(void);
+
+/** The same as an address in network order; 0 when none is configured or it can't be worked out. */
+uint32_t packet_bindaddr(void);
+
+/* ---- Sockets ------------------------------------------------------------------------------------------------- */
+
+/** Makes a UDP socket, close-on-exec, and binds it.
+ *
+ *  @param ip    address to bind to, network order; 0 for any
+ *  @param port  host order; 0 for any free one
+ *  @return the descriptor, the caller's to close; or, already in the log and with errno left as it was,
+ *          PACKETERRSOCKET, no socket to be had, or none that select can hold; or
+ *          PACKETERRBIND, the address is not ours or is taken
+ */
+int packet_srv_bound_socket(uint32_t ip, uint16_t port);
+
+int packet_srv_socket(uint16_t port);  /* any address, this port */
+int packet_clt_socket(void);           /* any address, any port: for a client */
+int packet_clt_socket_ip(uint32_t ip); /* this address (network order), any port */
+
+/** Reads and so clears the error that waits at a socket. Traced if there was one.
+ *
+ *  @param label  the calling operation's name, for the lines written
+ *  @return -1 if an error was waiting; 0 if none was, or if it could not be asked for
+ */
+int packet_clearSocketError(int socket, const char *label);
+
+/* ---- Names and addresses ------------------------------------------------------------------------------------- */
+
+/** Makes an address record for a peer.
+ *
+ *  @param ip       IPv4 address, network byte order
+ *  @param port     network byte order as well (the by-name sister takes host order)
+ *  @param address  receives a new block; the caller owns it and releases it with free()
+ *  @return 16, the record's size, which goes with it in every call; or
+ *          PACKETERRMEM, memory is short: already in the log
+ */
+int packet_srvadr_byip(uint32_t ip, uint16_t port, PacketAddress **address);
+
+/** The same for a host name or dotted quad, and a port in host order. May block in the name service. "localhost" is
+ *  the configured bind address, or without one this machine's own address rather than the loopback one, so that it
+ *  leads to where the servers of this host listen. The first address found becomes process_context.localIp.
+ *
+ *  @return 16, PACKETERRMEM, or PACKETERRHOST: the name is not known, already in the log, h_errno says more
+ */
+int packet_srvadr_byname(const char *host, uint16_t port, PacketAddress **address);
+
+/** Resolves a host name or dotted quad; may block in the name service. "localhost" is the configured bind address if
+ *  there is one.
+ *
+ *  @param ip  receives the address in HOST order
+ *  @return 0, or PACKETERRHOST: not known, already in the log, h_errno says more
+ */
+int packet_gethostbyname(const char *name, uint32_t *ip);
+
+/** Takes address and port, both in network order, out of a PacketAddress. Either target may be null. */
+void packet_adr_get(const void *address, uint32_t *ip, uint16_t *port);
+
+/** Dotted quad of an address in network order; in the platform's static buffer until the next such call. */
+char *packet_ip2str(uint32_t ip);
+
+/** Address in network order of a dotted quad; 0 if the text is none (255.255.255.255 counts as none). */
+uint32_t packet_str2ip(const char *text);
+
+/** "<name> ( <dotted quad> )" of a PacketAddress; static, until the next call. The look-up is handed the whole record
+ *  rather than its address field, so in practice the dotted quad stands in both places. */
+char *packet_adr2str(const void *address, int size);
+
+/* ---- Datagrams ----------------------------------------------------------------------------------------------- */
+
+/** Waits for one datagram and reads it. Sets keyAccepted. An envelope is opened, if this host has a key.
+ *
+ *  @param buffer       at least `size` bytes. Nothing is written behind what was received: the zero tail is the
+ *                      caller's to lay
+ *  @param address      receives the sender's PacketAddress
+ *  @param addressSize  in: room at `address`; out: the record's size
+ *  @param timeout      goes to select, which may update it; null waits without limit
+ *  @return the byte count (0 is a datagram too), or
+ *          PACKETERRTIMEOUT    nothing came; not in the log
+ *          PACKETERRINTR       a signal came, or process_context.running is 0; not in the log. A program that
+ *                              doesn't call process_init has to set process_context.running itself
+ *          PACKETERRBADSOCKET  negative, or select can't hold it
+ *          PACKETERRSELECT, PACKETERRRECV; errno is left as the failing call set it, and ECONNREFUSED is only
+ *                              traced: a peer that is gone is routine
+ */
+int packet_read(int socket, void *buffer, int size, void *address, int *addressSize, struct timeval *timeout);
+
+/** Reads one datagram from a socket that is known to be readable; no wait. Sets keyAccepted, opens
+ *  an envelope.
+ *
+ *  @param ip, port  receive the sender's address and port, both in HOST order; either may be null
+ *  @return the byte count, PACKETERRINTR (also if an error was waiting at the socket), PACKETERRBADSOCKET (negative)
+ *          or PACKETERRRECV
+ */
+int packet_readUDP(int socket, void *buffer, int size, uint32_t *ip, uint16_t *port);
+
+/** Sends one datagram.
+ *
+ *  @param address      PacketAddress of the peer
+ *  @param addressSize  its size, 16
+ *  @return 0, PACKETERRBADSOCKET (negative), PACKETERRINVAL (EINVAL) or PACKETERRSEND. All are in the log but
+ *          ECONNREFUSED, which is only traced; errno is left as the send set it
+ */
+int packet_sendto(int socket, const void *buffer, int length, const void *address, int addressSize);
+
+/** The same to an address and a port both in HOST order. */
+int packet_sendto_ip(int socket, const void *buffer, int length, uint32_t ip, uint16_t port);
+
+/* ---- Statistics: totals, the last minute by the second, and with process_context.packetDiag a table by packet type.
+ * Everything is an unsigned 32-bit word that wraps. Bytes are lengths plus 28 for the headers in front of a datagram,
+ * also where TCP is counted. Traffic with packet_bound_ip as its peer is local, all other, and all of TCP, remote. -- */
+
+/** Counts one packet received from, or sent to, a peer.
+ *
+ *  @param peerIp  network order; 0 for TCP
+ *  @param packet  null: of no type, as a stretch of a TCP stream
+ */
+void packet_stat_received(uint32_t peerIp, const void *packet, int length);
+void packet_stat_sent(uint32_t peerIp, const void *packet, int length);
+
+/** Index of a packet in the table by type: its type, inside of SRDP and ACCK wrappers; IVS_TYPE_ATTRIBUTES plus the
+ *  code for a packet that reads or sets one attribute; IVS_TYPE_UNKNOWN for no packet or one that is cut short. */
+int packet_stat_type(const unsigned char *packet, int length);
+
+/** Sums of remote (or local) traffic over the last `seconds` complete seconds, held to 1..60. The targets, packets
+ *  and bytes in, packets and bytes out, may be null. */
+void packet_stat_window(int seconds, unsigned *packetsIn, unsigned *bytesIn, unsigned *packetsOut,
+                        unsigned *bytesOut);
+void packet_stat_window_local(int seconds, unsigned *packetsIn, unsigned *bytesIn, unsigned *packetsOut,
+                              unsigned *bytesOut);
+
+/** Takes the remote (or local) counters of a type, held to 0..512, out of the table: they are 0 afterwards. The
+ *  targets may be null. */
+void packet_stat_type_take(int type, unsigned *packetsIn, unsigned *bytesIn, unsigned *packetsOut,
+                           unsigned *bytesOut);
+void packet_stat_type_take_local(int type, unsigned *packetsIn, unsigned *bytesIn, unsigned *packetsOut,
+                                 unsigned *bytesOut);
+
+/** Writes the totals, and rates for the last second, 10 and 60 seconds. */
+void packet_statistics(FILE *stream);
+
+/** Sets everything counted to 0. */
+void packet_stat_reset(void);
+
+/* ---- Access keys ----------------------------------------------------------------------------------------------
+ * Each host has one key of 16 bytes. "<rootDir>/etc/access.key" lists them, one host a line: its name or address,
+ * perhaps the word "encrypt", and the key text (see packet_hex2bin). A server takes requests only from who knows its
+ * key; the sender shows it in front of the packet, or, for a key with the word, enciphers the packet under it.
+ *
+ * The file is read once, at the first look-up: names are resolved then, which may block, and what is wrong in it is
+ * logged. With process_context.noAccessKeyCheck set no key is ever found, and the file stays unread. */
+
+/** How a key is to be used. */
+enum { PACKETKEYNONE = 0, PACKETKEYCLEAR = 1, PACKETKEYENCRYPT = 2 };
+
+/** Room that an envelope needs beyond its packet. */
+enum { PACKET_ENVELOPE_ROOM = 34 };
+
+/** Finds the access key of a host.
+ *
+ *  @param ip     network order
+ *  @param flags  receives PACKETKEY...; may be null
+ *  @return the 16 bytes of the key, good for the life of the process and not to be written to; null if there is none
+ */
+unsigned char *packet_accesskey_by_ip(uint32_t ip, int *flags);
+
+/** The same for a host name or dotted quad, resolved by packet_gethostbyname: null as well if that fails. */
+unsigned char *packet_accesskey_by_name(const char *host, int *flags);
+
+/** The same for the address in a PacketAddress. */
+unsigned char *packet_accesskey_by_adr(const void *address, int *flags);
+
+/** Decodes a key text into `count` bytes, two characters a byte, high half first. Not hexadecimal: digits are worth
+ *  themselves, small letters their distance from "a", capitals their code minus 90, of which the low four bits count.
+ *  A text that ends early is started again, at the price of one character's place; that place, and the place of any
+ *  other character, leaves its half of the byte unset.
+ *
+ *  @return twice `count`
+ */
+int packet_hex2bin(const char *text, unsigned char *target, int count);
+
+/** Puts a packet into an envelope, under a fresh session key.
+ *
+ *  @param key       16 bytes, the receiver's access key
+ *  @param plain     `length` bytes
+ *  @param envelope  room for `length` + PACKET_ENVELOPE_ROOM, apart from `plain`
+ *  @return the size of the envelope, a multiple of 16 and 1; 0, with nothing written, for a length of 0 or less, or
+ *          one whose envelope no int could measure
+ */
+int packet_encrypt(const unsigned char *key, const unsigned char *plain, int length, unsigned char *envelope);
+
+/** Takes a packet out of its envelope. The first byte isn't looked at: that it is an envelope is the caller's finding.
+ *  Nothing in it tells whether the key was the right one: noise comes out under any other. A packet loses the bytes
+ *  of value 0xA5 that it begins with.
+ *
+ *  @param key          16 bytes
+ *  @param target       room for `length` bytes; may be `envelope` itself. Left there: the byte 165, the session key,
+ *                      the padding, the packet. Wiping the session key is the caller's part
+ *  @param plainLength  receives the packet's length, perhaps 0; may be null
+ *  @return where in `target` the packet begins; null, with nothing written, for a size that no envelope has
+ */
+unsigned char *packet_decrypt(const unsigned char *key, const unsigned char *envelope, int length,
+                              unsigned char *target, int *plainLength);
+
+/** Sends a packet in an envelope: arguments and results of packet_sendto, and PACKETERRMEM, without memory for the
+ *  envelope (in the log) or for a length of 0 or less. */
+int packet_send_encrypted(int socket, const unsigned char *key, const void *packet, int length, const void *address,
+                          int addressSize);
+
+/* ---- Fields: big-endian at *cursor, which is moved behind them. The caller sees to the room. ------------------ */
+
+void packet_put_u32(uint32_t value, unsigned char **cursor);
+void packet_put_u16(uint16_t value, unsigned char **cursor);
+void packet_get_u32(uint32_t *target, unsigned char **cursor);
+void packet_get_u16(uint16_t *target, unsigned char **cursor);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

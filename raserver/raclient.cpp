@@ -1,0 +1,345 @@
+/* The client end of Remote Access: client objects and the blocking request.
+ *
+ * A request goes out again every interval until its answer comes or all intervals are over; the server knows it by
+ * its sequence number and carries it out once. One blocking request runs at a time, and its results lie in the
+ * buffer of the run loop until the next. The texts of all failures go into the object; only the loop logs anything.
+ *
+ * Waiting ends when process_context.running is cleared. A program that doesn't call process_init sets it to 1 itself
+ * before its first request, or each one ends at once with RAERRKILLED. */
+#include <errno.h>
+#include <netdb.h>
+#include <signal.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/random.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "ivs/ivs.h"
+#include "packet/bytereader.h"
+#include "packet/packet.h"
+#include "process/owned.h"
+#include "process/velproc.h"
+#include "raserver/raextern.h"
+#include "raserver/raserver.h"
+#include "raserver/raserveri.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;  // a step of the wall clock neither ends nor prolongs a wait
+
+constexpr int DEFAULT_INTERVAL = 3;
+constexpr int DEFAULT_TRIES = 5;
+constexpr int ENDED_BY_STOP = RAERRKILLED;  // what a request's result is until something answers or times out
+
+// What an object is, is told by the address of its tag, not by the text.
+constexpr char client_tag[] = "RA server client";
+constexpr char request_tag[] = "RA server request";
+
+// ---- Objects --------------------------------------------------------------------------------------------------
+
+bool has_tag(const void *object, const char *tag) {
+    if (object == nullptr) return false;
+    const char *found = nullptr;
+    memcpy(&found, object, sizeof found);  // both kinds begin with it
+    return found == tag;
+}
+
+RA_CLIENT_S *as_client(void *object) {
+    return has_tag(object, client_tag) ? static_cast<RA_CLIENT_S *>(object) : nullptr;
+}
+
+RA_REQUEST_S *as_request(void *object) {
+    return has_tag(object, request_tag) ? static_cast<RA_REQUEST_S *>(object) : nullptr;
+}
+
+__attribute__((format(printf, 3, 4))) int fail(RA_CLIENT_S *client, int code, const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    vsnprintf(client->error, sizeof client->error, format, arguments);
+    va_end(arguments);
+    return code;
+}
+
+namespace say {  // the text behind each result code
+int not_resolved(RA_CLIENT_S *client, int result) {
+    const char *reason = result == PACKETERRHOST ? hstrerror(h_errno) : strerror(errno);
+    return fail(client, RAERRHOST, "gethostbyname(%s) failed! error: %s!", client->host, reason);
+}
+int no_socket(RA_CLIENT_S *client) {
+    return fail(client, RAERRSOCKET, "Failed to get client socket! error: %s!", strerror(errno));
+}
+int killed(RA_CLIENT_S *client) { return fail(client, RAERRKILLED, "The process has been killed!"); }
+int too_long(RA_CLIENT_S *client) {
+    return fail(client, RAERRTOOLONG, "Arguments to long: More than %d bytes!", RA_MAX_REQUEST_TEXT);
+}
+int too_many(RA_CLIENT_S *client, int count) { return fail(client, RAERRTOOMANY, "Too many arguments: %d!", count); }
+int no_answer(RA_CLIENT_S *client) {
+    return fail(client, RAERRTIMEOUT, "Timeout, raserver %s:%d does not answer.", client->host, client->port);
+}
+int denied(RA_CLIENT_S *client) { return fail(client, RAERRDENIED, "Request denied by server."); }
+}  // namespace say
+
+// ---- First steps of a request ---------------------------------------------------------------------------------
+
+/** Four draws of the standard generator in one word, not negative. */
+uint32_t draw_word() {
+    uint32_t word = 0;
+    for (int shift = 24; shift >= 0; shift -= 8) word ^= static_cast<uint32_t>(rand()) << shift;
+    return static_cast<int32_t>(word) < 0 ? 0 - word : word;
+}
+
+/** A first sequence number that a stranger can't guess: the standard generator, stirred with process and time, and
+ *  a word of the kernel's, which is what makes it hold. */
+uint32_t first_sequence() {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    srand(draw_word() ^ static_cast<uint32_t>(getpid()) ^ static_cast<uint32_t>(now.tv_sec) ^
+          static_cast<uint32_t>(now.tv_usec));
+    uint32_t kernel_word = 0;
+    if (getrandom(&kernel_word, sizeof kernel_word, GRND_NONBLOCK) != static_cast<ssize_t>(sizeof kernel_word)) {
+        kernel_word = 0;  // too early after the machine's start: the draws alone have to do
+    }
+    return (draw_word() ^ kernel_word) & INT32_MAX;
+}
+
+/** Resolves the server's name, once in a client's life. Returns 0 or a code. */
+int find_server(RA_CLIENT_S *client) {
+    if (client->address != nullptr) return 0;
+    const int size = packet_srvadr_byname(client->host, client->port, &client->address);
+    if (size < 0) return say::not_resolved(client, size);
+    client->addressLength = size;
+    packet_adr_get(client->address, &client->ip, nullptr);
+    return 0;
+}
+
+/** Opens the client's socket, once in its life, and draws the first sequence number. Returns 0 or a code. */
+int open_socket(RA_CLIENT_S *client) {
+    if (client->socket >= 0) return 0;
+    const int socket = packet_clt_socket();
+    if (socket < 0) return say::no_socket(client);
+    client->socket = socket;
+    client->sequence = first_sequence();
+    return 0;
+}
+
+/** Lays the strings behind the header, up to the first null. Returns false if they take too many bytes. */
+bool write_strings(ByteWriter &datagram, int argc, char **argv) {
+    size_t total = 0;
+    for (int index = 0; index < argc && argv[index] != nullptr; ++index) {
+        const size_t length = strlen(argv[index]) + 1;
+        total += length;
+        if (total > RA_MAX_REQUEST_TEXT) return false;
+        datagram.bytes(argv[index], static_cast<int>(length));
+    }
+    return true;
+}
+
+/** Puts the request into an envelope, if that fits into the request's buffer; else it stays as it is. */
+void encipher_request(RA_CLIENT_S *client, const unsigned char *key) {
+    unsigned char envelope[sizeof client->request + PACKET_ENVELOPE_ROOM];
+    const int length = packet_encrypt(key, client->request, client->requestLength, envelope);
+    if (length < 1 || length > static_cast<int>(sizeof client->request)) return;
+    memcpy(client->request, envelope, static_cast<size_t>(length));
+    client->requestLength = length;
+}
+
+/** Puts the datagram together in the client, under the key that the server is listed with. Returns 0 or a code. */
+int build_request(RA_CLIENT_S *client, int argc, char **argv) {
+    int flags = PACKETKEYNONE;
+    const unsigned char *key = packet_accesskey_by_ip(client->ip, &flags);
+
+    ByteWriter datagram(client->request, sizeof client->request);
+    if ((flags & PACKETKEYCLEAR) != 0) datagram.u8(IVS_TYPE_ACCK).bytes(key, IVS_KEY_SIZE);
+    datagram.u8(IVS_TYPE_RAUP).u8(RA_FUNCTION_SYNC).u8(0).raw32(client->sequence);
+    if (!write_strings(datagram, argc, argv)) return say::too_long(client);
+    client->requestLength = datagram.length();
+    if (key != nullptr) encipher_request(client, key);
+    return 0;
+}
+
+// ---- Waiting for the answer -----------------------------------------------------------------------------------
+
+bool is_from_server(const RA_CLIENT_S *client, const PacketAddress &peer) {
+    return peer.sin_addr.s_addr == client->address->sin_addr.s_addr && peer.sin_port == client->address->sin_port;
+}
+
+/** The result of the running request, if this is its answer; else ENDED_BY_STOP. */
+int result_in(RA_CLIENT_S *client, unsigned char *packet, int length, const PacketAddress &peer) {
+    ByteReader reader(packet, length);
+    const uint8_t type = reader.u8();
+    const uint8_t function = reader.u8();
+    reader.skip(1);
+    const uint32_t sequence = reader.raw32();
+
+    const bool is_answer = type == IVS_TYPE_RAUP && !reader.ran_short() && sequence + 1 == client->sequence;
+    if (!is_answer || !is_from_server(client, peer)) return ENDED_BY_STOP;
+
+    if (function == RA_FUNCTION_REFUSED) return say::denied(client);
+    if (function != RA_FUNCTION_RESULT) return ENDED_BY_STOP;
+    client->resultCount =
+        ra_split_strings(reinterpret_cast<char *>(packet) + RA_HEADER_SIZE, reader.left(), client->resultVector);
+    return client->resultCount;
+}
+
+/** The running request, on its way through the run loop. */
+class Exchange {
+public:
+    explicit Exchange(RA_CLIENT_S *client)
+        : client_(client), until_(Clock::now() + std::chrono::seconds(client->interval) * client->tries) {}
+    void run();
+
+private:
+    static void raclient_timer(void *context, timeval *now);
+    static void raclient_reply_handler(void *context, timeval *now, unsigned char *packet, int length, void *address,
+                                       int addressSize);
+    void end(int result);
+
+    RA_CLIENT_S *const client_;
+    const Clock::time_point until_;
+    bool we_stopped_ = false;  // the loop, and not somebody the process
+    sigset_t signals_before_{};
+};
+
+void Exchange::run() {
+    timeval interval{};
+    interval.tv_sec = client_->interval;
+    ivsrun(this, client_->socket, &interval, raclient_timer, raclient_reply_handler, nullptr, nullptr, nullptr);
+    if (!we_stopped_) return;
+    process_context.running = 1;  // the caller's own loop is to go on
+    pthread_sigmask(SIG_SETMASK, &signals_before_, nullptr);
+}
+
+/** At the start of each interval: the request goes out, the first time or again. */
+void Exchange::raclient_timer(void *context, timeval *) {
+    auto *const self = static_cast<Exchange *>(context);
+    RA_CLIENT_S *const client = self->client_;
+    if (Clock::now() >= self->until_) return self->end(say::no_answer(client));
+    packet_sendto(client->socket, client->request, client->requestLength, client->address, client->addressLength);
+}
+
+void Exchange::raclient_reply_handler(void *context, timeval *, unsigned char *packet, int length, void *address,
+                                      int) {
+    auto *const self = static_cast<Exchange *>(context);
+    PacketAddress peer;
+    memcpy(&peer, address, sizeof peer);
+    const int result = result_in(self->client_, packet, length, peer);
+    if (result != ENDED_BY_STOP) self->end(result);
+}
+
+/** Ends the loop. That is done with the mark by which signals stop the process: they are held back until it is set
+ *  again, or one that comes in between would be lost. One that came before stands. */
+void Exchange::end(int result) {
+    client_->result = result;
+    if (we_stopped_) return;
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &signals_before_);
+    if (process_context.running != 0) {
+        we_stopped_ = true;
+        process_context.running = 0;
+    } else {
+        pthread_sigmask(SIG_SETMASK, &signals_before_, nullptr);
+    }
+}
+
+// ---- End of objects -------------------------------------------------------------------------------------------
+
+void unlink_request(RA_CLIENT_S *client, RA_REQUEST_S *request) {
+    RA_REQUEST_LIST_S &pending = client->pending;
+    (request->previous != nullptr ? request->previous->next : pending.head) = request->next;
+    (request->next != nullptr ? request->next->previous : pending.tail) = request->previous;
+}
+
+void destroy_client(RA_CLIENT_S *client) {
+    client->tag = nullptr;  // from here on no callback can send, or delete, with it
+    RA_REQUEST_S *following = nullptr;
+    for (RA_REQUEST_S *request = client->pending.head; request != nullptr; request = following) {
+        following = request->next;
+        if (request->callback != nullptr) request->callback(request, request->user, RAERRDESTROYED);
+        free(request);
+    }
+    if (client->socket >= 0) close(client->socket);
+    free(client->address);
+    free(client->host);
+    free(client);
+}
+
+char *string_at(char **strings, int count, int index) {
+    return index >= 0 && index < count ? strings[index] : nullptr;
+}
+
+}  // namespace
+
+RA_CLIENT_S *raclient_udp_create(const char *host, uint16_t port, int interval, int tries) {
+    constexpr char label[] = "raclient_udp_create";
+    if (host == nullptr) return nullptr;
+    OwnedBlock<RA_CLIENT_S> client(process_malloc(label, sizeof(RA_CLIENT_S)));
+    if (client.is_null()) return nullptr;
+    client->host = static_cast<char *>(process_memdup(label, host, static_cast<int>(strlen(host)) + 1));
+    if (client->host == nullptr) return nullptr;
+
+    client->tag = client_tag;
+    client->port = port;
+    client->interval = interval < 1 ? DEFAULT_INTERVAL : interval;
+    client->tries = tries < 1 ? DEFAULT_TRIES : tries;
+    client->socket = -1;
+    return client.release();
+}
+
+void raclient_udp_destroy(void *object) {
+    RA_CLIENT_S *client = as_client(object);
+    if (client != nullptr) {
+        destroy_client(client);
+    } else if (as_request(object) != nullptr) {
+        free(object);
+    }
+}
+
+int raclient_udp_request(RA_CLIENT_S *client, int argc, char **argv) {
+    if (as_client(client) == nullptr) return RAERRNOCLIENT;
+    client->error[0] = 0;
+    client->resultCount = 0;  // the buffer that the last results lie in is about to be used again
+    if (argc > RA_MAX_STRINGS) return say::too_many(client, argc);
+
+    int code = find_server(client);
+    if (code == 0) code = open_socket(client);
+    if (code == 0) code = build_request(client, argc, argv);
+    if (code != 0) return code;
+
+    client->result = ENDED_BY_STOP;
+    client->deadline = time(nullptr) + static_cast<time_t>(client->interval) * client->tries;
+    client->sequence += 1;
+    if (process_context.running != 0) Exchange(client).run();
+    return client->result == ENDED_BY_STOP ? say::killed(client) : client->result;
+}
+
+char *raclient_errmsg(void *object) {
+    static char not_an_object[] = "Invalid client pointer.";
+    if (RA_CLIENT_S *client = as_client(object)) return client->error;
+    if (RA_REQUEST_S *request = as_request(object)) return request->error;
+    return not_an_object;
+}
+
+char *raclient_result(void *object, int index) {
+    RA_CLIENT_S *client = as_client(object);
+    if (client == nullptr) return raclient_request_result(as_request(object), index);
+    return string_at(client->resultVector, client->resultCount, index);
+}
+
+char *raclient_request_result(RA_REQUEST_S *request, int index) {
+    if (as_request(request) == nullptr) return nullptr;
+    return string_at(request->resultVector, request->resultCount, index);
+}
+
+void raclient_request_delete(RA_CLIENT_S *client, RA_REQUEST_S *request) {
+    if (as_client(client) == nullptr || as_request(request) == nullptr) return;
+    if (request->client != client) return;  // linked elsewhere: taking it out of this list would tear both
+    unlink_request(client, request);
+    free(request);
+}

@@ -1,0 +1,58 @@
+/* What the files of the server core share among themselves; nothing outside of raserver/ but its tests reads it. */
+#ifndef RASERVER_RASERVERI_H
+#define RASERVER_RASERVERI_H
+
+#include <stdint.h>
+#include <time.h>
+
+#include "raserver/raserver.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Bounds that keep a flood of requests from taking the machine's memory. Beyond them the longest idle session goes. */
+typedef struct RA_LIMITS_S {
+    unsigned long sessions;
+    unsigned long savedReplyBytes; /* 0: not worked out yet; a quarter of the memory, 64 MB at least */
+} RA_LIMITS_S;
+
+extern RA_LIMITS_S ra_limits;
+
+/** Splits zero-terminated strings that lie one behind the other; the last needs no zero byte, since one is written
+ *  behind the data. At most RA_MAX_STRINGS are taken.
+ *
+ *  @param text    the strings; text[length] must be writable
+ *  @param vector  room for RA_MAX_STRINGS + 1 pointers; a null follows the last string
+ *  @return number of strings
+ */
+int ra_split_strings(char *text, int length, char **vector);
+
+/** Learns the addresses of this machine's interfaces, for ra_is_own_address. Called once, at the start. */
+void ra_learn_own_addresses(void);
+
+/** Tells whether a datagram claims to come from the server's own socket (network order). Such a datagram is forged,
+ *  and an answer to it would come back as the next one. */
+int ra_is_own_address(const RA_SERVER_S *context, uint32_t ip, uint16_t port);
+
+/** Gives a session a private copy of its datagram of `length` bytes. Sessions that were used longer ago go if that
+ *  passes the limit. Returns 0, or -1 without memory (reported; the session then has no reply). */
+int ra_session_save_reply(RA_SERVER_S *context, RA_SESSION_S *session, const unsigned char *datagram, int length);
+
+/** Frees a session's saved reply, if it has one. */
+void ra_session_drop_reply(RA_SERVER_S *context, RA_SESSION_S *session);
+
+/** Notes that a session was used now. */
+void ra_session_touch(RA_SERVER_S *context, RA_SESSION_S *session);
+
+/** Ends an asynchronous request: calls its callback, if any, with `result`, and deletes it unless the callback did. */
+void ra_request_finish(RA_SERVER_S *context, RA_CLIENT_S *client, RA_REQUEST_S *request, int result);
+
+/** The wall clock was set by `seconds`: moves all stored times along, so that nothing comes due early or late. */
+void ra_clock_was_set(RA_SERVER_S *context, time_t seconds);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,429 @@
+/* Associative arrays: against a model with random operations, and the told edges one by one. */
+#include "foundation/paa.h"
+
+#include <gtest/gtest.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "tests/support/child.h"
+
+namespace {
+
+using Strings = std::vector<std::string>;
+struct Ender {
+    void operator()(PAA_S *table) const { paaDestroy(table); }
+};
+using Table = std::unique_ptr<PAA_S, Ender>;
+Table make(int flags = 0) { return Table(paaCreate(flags)); }
+
+constexpr int FORMS[] = {0, PAAFLAGPOINTER, PAAFLAGLARGE, PAAFLAGPOINTER | PAAFLAGLARGE};
+constexpr int NOLENGTH = -77;
+
+int length(const std::string &text) { return static_cast<int>(text.size()); }
+int insert(const Table &table, const std::string &key, const std::string &value = "") {
+    return paaInsert(table.get(), key.data(), length(key), value.data(), length(value));
+}
+int remove(const Table &table, const std::string &key) { return paaRemove(table.get(), key.data(), length(key)); }
+
+/** The bytes that a call returned, with the NUL behind them checked; "(null)" for none. */
+std::string bytes(const void *block, int size) {
+    if (block == nullptr) return "(null)";
+    const char *text = static_cast<const char *>(block);
+    EXPECT_EQ(text[size], '\0') << "no NUL behind it";
+    return {text, static_cast<size_t>(size)};
+}
+std::string find(const Table &table, const std::string &key) {
+    int size = NOLENGTH;
+    const void *value = paaFind(table.get(), key.data(), length(key), &size);
+    return bytes(value, size);
+}
+
+using Step = void *(*)(PAA_S *, int *);
+Strings walk(const Table &table, Step first, Step next) {
+    Strings keys;
+    int size = 0;
+    for (void *key = first(table.get(), &size); key != nullptr; key = next(table.get(), &size)) {
+        keys.push_back(bytes(key, size));
+    }
+    EXPECT_EQ(paaerrno, PAAERRNOTFOUND);
+    return keys;
+}
+Strings in_order(const Table &table) { return walk(table, paaFirst, paaNext); }
+Strings sorted(const Table &table) { return walk(table, paaFirstSorted, paaNextSorted); }
+
+/* ---- Against a model ------------------------------------------------------------------------------------------- */
+
+class Model : public testing::TestWithParam<int> {
+protected:
+    Table table = make(GetParam());
+    const bool pointers = (GetParam() & PAAFLAGPOINTER) != 0;
+    std::map<std::string, std::string> copied;  // in byte order, as std::string compares unsigned
+    std::map<std::string, const void *> stored;
+    Strings order;
+    std::mt19937 random;
+    char targets[64];  // what stored pointers point to
+
+    std::string random_key() {
+        static const char bytes_used[] = {'\0', 'a', 'b', '\x7f', '\x80', '\xff'};
+        std::string key(1 + random() % 9, 'x');
+        for (char &byte : key) byte = bytes_used[random() % (random() % 4 == 0 ? 6 : 3)];
+        return key;
+    }
+    std::string random_value() {
+        std::string value(random() % 12, 'v');
+        for (char &byte : value) byte = static_cast<char>(random());
+        return value;
+    }
+    bool knows(const std::string &key) const { return pointers ? stored.contains(key) : copied.contains(key); }
+    void forget(const std::string &key) {
+        copied.erase(key);
+        stored.erase(key);
+        std::erase(order, key);
+    }
+
+    void write_pointer(unsigned kind, const std::string &key) {
+        const char *target = &targets[random() % sizeof targets];
+        const auto call = kind == 0 ? paaInsert : kind == 1 ? paaReplace : paaAppend;
+        const bool refused = knows(key) && kind != 1;
+        ASSERT_EQ(call(table.get(), key.data(), length(key), target, 99), refused ? -1 : 0);
+        ASSERT_EQ(paaerrno, refused ? PAAERREXISTS : 0);
+        if (refused) return;
+        if (!knows(key)) order.push_back(key);
+        stored[key] = target;
+    }
+    void write_copy(unsigned kind, const std::string &key) {
+        std::string value = random_value();
+        if (kind == 1 && value.empty()) value = "x";  // the null that replacing by nothing leaves is told elsewhere
+        const auto call = kind == 0 ? paaInsert : kind == 1 ? paaReplace : paaAppend;
+        const bool refused = knows(key) && kind == 0;
+        ASSERT_EQ(call(table.get(), key.data(), length(key), value.data(), length(value)), refused ? -1 : 0);
+        ASSERT_EQ(paaerrno, refused ? PAAERREXISTS : 0);
+        if (refused) return;
+        if (!knows(key)) order.push_back(key);
+        copied[key] = kind == 2 ? copied[key] + value : value;
+    }
+    void look_up(const std::string &key) {
+        int size = NOLENGTH;
+        const void *value = paaFind(table.get(), key.data(), length(key), &size);
+        ASSERT_EQ(paaerrno, knows(key) ? 0 : PAAERRNOTFOUND);
+        const char *own = static_cast<char *>(paaFindKey(table.get(), key.data(), length(key)));
+        ASSERT_EQ(bytes(own, length(key)), knows(key) ? key : "(null)");
+        if (!knows(key)) {
+            ASSERT_EQ(value, nullptr);
+        } else if (pointers) {
+            ASSERT_EQ(value, stored[key]);
+            ASSERT_EQ(size, 4);
+        } else {
+            ASSERT_EQ(bytes(value, size), copied[key]);
+        }
+    }
+    void check_all() {
+        ASSERT_EQ(table->count, order.size());
+        ASSERT_EQ(in_order(table), order);
+        Strings ascending = order;
+        std::sort(ascending.begin(), ascending.end());
+        ASSERT_EQ(sorted(table), ascending);
+        std::reverse(ascending.begin(), ascending.end());
+        ASSERT_EQ(walk(table, paaLastSorted, paaPrevSorted), ascending);
+    }
+};
+
+TEST_P(Model, AgreesAfterManyOperations) {
+    const unsigned seed = std::random_device{}();
+    ASSERT_EQ(paaClear(table.get()), 0) << "an empty table can be cleared";
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    std::cout << "seed " << seed << "\n";
+    random.seed(seed);
+    Strings seen;
+    for (int round = 0; round < 6000 && !HasFatalFailure(); round++) {
+        const std::string key = seen.empty() || random() % 3 == 0 ? random_key() : seen[random() % seen.size()];
+        if (seen.size() < 400) seen.push_back(key);
+        const unsigned kind = random() % 5;
+        if (kind < 3 && pointers) write_pointer(kind, key);
+        if (kind < 3 && !pointers) write_copy(kind, key);
+        if (kind == 3) {
+            ASSERT_EQ(remove(table, key), knows(key) ? 0 : -1);
+            ASSERT_EQ(paaerrno, knows(key) ? 0 : PAAERRNOTFOUND);
+            forget(key);
+        }
+        look_up(key);
+        if (round % 500 == 0) check_all();
+        if (round == 3000) {
+            ASSERT_EQ(paaClear(table.get()), 0);
+            for (const std::string &gone : Strings(order)) forget(gone);
+            ASSERT_EQ(static_cast<int>(table->flags), GetParam());
+        }
+    }
+    check_all();
+}
+INSTANTIATE_TEST_SUITE_P(Forms, Model, testing::ValuesIn(FORMS));
+
+/* ---- Codes ------------------------------------------------------------------------------------------------------ */
+
+TEST(PaaErrors, OfArgumentsComeInTheirOrder) {
+    for (const int flags : FORMS) {
+        const Table table = make(flags);
+        PAA_S stray{};
+        PAA_S *good = table.get(), *bad = &stray;
+        struct Row {
+            PAA_S *table;
+            const char *key, *value;
+            int keyLength, valueLength, reading, writing;  // codes of the calls that read and that write
+        };
+        const Row rows[] = {
+            {bad, nullptr, nullptr, 0, 1, PAAERRBADHANDLE, PAAERRBADHANDLE},
+            {good, nullptr, nullptr, 0, 1, PAAERRNOKEYLEN, PAAERRNOKEYLEN},
+            {good, nullptr, nullptr, 1, 1, PAAERRNOKEY, PAAERRNOKEY},
+            {good, "k", nullptr, 1, 1, PAAERRNOTFOUND, PAAERRNODATA},
+        };
+        for (const Row &row : rows) {
+            for (const auto call : {paaInsert, paaReplace, paaAppend}) {
+                EXPECT_EQ(call(row.table, row.key, row.keyLength, row.value, row.valueLength), -1);
+                EXPECT_EQ(paaerrno, row.writing);
+            }
+            EXPECT_EQ(paaFind(row.table, row.key, row.keyLength, nullptr), nullptr);
+            EXPECT_EQ(paaerrno, row.reading);
+            EXPECT_EQ(paaFindKey(row.table, row.key, row.keyLength), nullptr);
+            EXPECT_EQ(paaerrno, row.reading);
+            EXPECT_EQ(paaRemove(row.table, row.key, row.keyLength), -1);
+            EXPECT_EQ(paaerrno, row.reading);
+        }
+        EXPECT_EQ(table->buckets, nullptr) << "nothing is allocated before the first insertion";
+    }
+}
+
+TEST(PaaErrors, OfHandlesAndWalks) {
+    constexpr Step steps[] = {paaFirst,      paaNext,       paaCurrent,    paaFirstSorted,
+                              paaLastSorted, paaNextSorted, paaPrevSorted, paaCurrentSorted};
+    PAA_S stray{};
+    const Table empty = make();
+    for (const Step step : steps) {
+        EXPECT_EQ(step(&stray, nullptr), nullptr);
+        EXPECT_EQ(paaerrno, PAAERRBADHANDLE);
+        EXPECT_EQ(step(empty.get(), nullptr), nullptr);
+        const bool starts = step == paaFirst || step == paaFirstSorted || step == paaLastSorted;
+        EXPECT_EQ(paaerrno, starts ? PAAERRNOTFOUND : PAAERRNOCURRENT);
+    }
+    for (const Step step : {paaFirst, paaNext, paaCurrent}) {
+        EXPECT_EQ(step(nullptr, nullptr), nullptr);
+        EXPECT_EQ(paaerrno, PAAERRBADHANDLE);
+    }
+    EXPECT_EQ(paaClear(&stray), -1);
+    EXPECT_EQ(paaDestroy(&stray), -1);
+    EXPECT_EQ(paaDump(&stray), -1);
+    EXPECT_EQ(paaerrno, PAAERRBADHANDLE);
+}
+
+TEST(PaaErrors, TellALostFirstEntry) {
+    const Table table = make();
+    insert(table, "k", "v");
+    PAA_ENTRY_S *first = table->first;
+    table->first = nullptr;
+    EXPECT_EQ(paaFirst(table.get(), nullptr), nullptr);
+    EXPECT_EQ(paaerrno, PAAERRCORRUPT);
+    table->first = first;
+    EXPECT_NE(paaFirst(table.get(), nullptr), nullptr);
+    EXPECT_EQ(paaerrno, 0);
+}
+
+#if !defined(__SANITIZE_ADDRESS__)  // its own memory does not fit under the limit
+TEST(PaaErrors, OfMemoryLeaveTheTableAsItWas) {
+    Child child([](Child &self) {
+        constexpr int LARGE = 1 << 28;
+        const std::string value(LARGE, 'x');
+        const Table table = make();
+        if (insert(table, "k", "old") != 0) return 1;
+        const rlimit limit{LARGE + LARGE / 2, LARGE + LARGE / 2};
+        setrlimit(RLIMIT_AS, &limit);
+        std::string codes;
+        for (const auto call : {paaReplace, paaAppend, paaInsert}) {
+            const char *key = call == paaInsert ? "new" : "k";
+            const int result = call(table.get(), key, static_cast<int>(strlen(key)), value.data(), LARGE);
+            codes += std::to_string(result) + " " + std::to_string(paaerrno) + ",";
+        }
+        self.report(codes + find(table, "k") + "," + find(table, "new") + "," + in_order(table)[0]);
+        return in_order(table).size() == 1 ? 0 : 2;
+    });
+    EXPECT_EQ(child.next_report(), "-1 25,-1 25,-1 25,old,(null),k");
+    EXPECT_EQ(child.exit_code(), 0);
+}
+#endif
+
+/* ---- Entries and walks ------------------------------------------------------------------------------------------- */
+
+TEST(PaaEntries, HaveThreeWaysToBeEmpty) {
+    const Table table = make();
+    int size = NOLENGTH;
+    EXPECT_EQ(paaInsert(table.get(), "i", 1, nullptr, 0), 0);
+    EXPECT_EQ(find(table, "i"), "");
+    EXPECT_EQ(paaAppend(table.get(), "a", 1, nullptr, 0), 0);
+    EXPECT_EQ(find(table, "a"), "");
+
+    insert(table, "r", "value");
+    EXPECT_EQ(paaAppend(table.get(), "r", 1, nullptr, 0), 0);
+    EXPECT_EQ(find(table, "r"), "value");
+    EXPECT_EQ(paaReplace(table.get(), "r", 1, nullptr, 0), 0);
+    EXPECT_EQ(paaFind(table.get(), "r", 1, &size), nullptr) << "replaced by nothing: null, not an empty block";
+    EXPECT_EQ(paaerrno, 0);
+    EXPECT_EQ(size, 0);
+    EXPECT_EQ(paaAppend(table.get(), "r", 1, "ab", 2), 0);
+    EXPECT_EQ(find(table, "r"), "ab");
+    EXPECT_EQ(paaReplace(table.get(), "n", 1, nullptr, 0), 0);
+    EXPECT_EQ(find(table, "n"), "") << "a new key by replace is inserted";
+}
+
+TEST(PaaEntries, OwnCopiesButNotPointers) {
+    const Table copying = make(), storing = make(PAAFLAGPOINTER | 0x70);
+    std::string key = "key", value = "value";
+    insert(copying, key, value);
+    EXPECT_EQ(paaInsert(storing.get(), key.data(), 3, value.data(), 5), 0);
+    EXPECT_EQ(paaInsert(storing.get(), "null", 4, nullptr, 0), 0);
+    key = value = "-----";
+    EXPECT_EQ(find(copying, "key"), "value");
+    EXPECT_EQ(paaFind(storing.get(), "key", 3, nullptr), value.data());
+    int size = NOLENGTH;
+    EXPECT_EQ(paaFind(storing.get(), "null", 4, &size), nullptr);
+    EXPECT_EQ(paaerrno, 0);
+    EXPECT_EQ(size, 4);
+    EXPECT_EQ(storing->flags, static_cast<uint32_t>(PAAFLAGPOINTER)) << "other bits are ignored";
+}
+
+TEST(PaaWalks, EndAtAChangeOfTheKeySetOnly) {
+    const Table table = make();
+    for (const char *key : {"b", "c", "a"}) insert(table, key, "1");
+    PAA_S *handle = table.get();
+    ASSERT_NE(paaFirst(handle, nullptr), nullptr);
+    ASSERT_NE(paaFirstSorted(handle, nullptr), nullptr);
+    EXPECT_EQ(paaReplace(handle, "b", 1, "22", 2), 0);
+    EXPECT_EQ(paaAppend(handle, "b", 1, "3", 1), 0);
+    EXPECT_EQ(insert(table, "b", "refused"), -1);
+    EXPECT_EQ(remove(table, "x"), -1);
+    int size = 0;
+    EXPECT_EQ(bytes(paaCurrent(handle, &size), 3), "223");
+    EXPECT_EQ(size, 3);
+    EXPECT_STREQ(static_cast<char *>(paaNext(handle, &size)), "c");
+    EXPECT_STREQ(static_cast<char *>(paaNextSorted(handle, &size)), "b");
+    EXPECT_STREQ(static_cast<char *>(paaCurrentSorted(handle, &size)), "223");
+
+    for (const bool inserting : {true, false}) {
+        paaFirst(handle, nullptr);
+        paaLastSorted(handle, nullptr);
+        EXPECT_EQ(inserting ? insert(table, "d") : remove(table, "d"), 0);
+        for (const Step step : {paaNext, paaCurrent, paaNextSorted, paaPrevSorted, paaCurrentSorted}) {
+            EXPECT_EQ(step(handle, nullptr), nullptr);
+            EXPECT_EQ(paaerrno, PAAERRNOCURRENT);
+        }
+    }
+}
+
+TEST(PaaWalks, StayOnTheLastEntry) {
+    const Table table = make();
+    insert(table, "b", "first");
+    insert(table, "a", "last");
+    PAA_S *handle = table.get();
+    in_order(table);
+    EXPECT_EQ(paaNext(handle, nullptr), nullptr);
+    EXPECT_EQ(paaerrno, PAAERRNOTFOUND);
+    EXPECT_STREQ(static_cast<char *>(paaCurrent(handle, nullptr)), "last");
+    sorted(table);
+    EXPECT_STREQ(static_cast<char *>(paaCurrentSorted(handle, nullptr)), "first");
+    EXPECT_STREQ(static_cast<char *>(paaPrevSorted(handle, nullptr)), "a");
+    EXPECT_EQ(paaPrevSorted(handle, nullptr), nullptr);
+    EXPECT_EQ(paaerrno, PAAERRNOTFOUND);
+}
+
+/* ---- Buckets ----------------------------------------------------------------------------------------------------- */
+
+std::string dump(const Table &table) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(paaDump(table.get()), 0);
+    return testing::internal::GetCapturedStderr();
+}
+
+/* Bucket numbers were reckoned apart from the code: words are joined by XOR, the bytes left over are signed factors,
+ * zero bytes among them are passed over. */
+TEST(PaaHash, PutsEachKeyIntoItsBucket) {
+    struct Row {
+        std::string key;
+        int small, large;
+    };
+    const Row rows[] = {
+        {"A", 465, 58722},
+        {"abc", 379, 318},
+        {"abcd", 209, 56720},
+        {"abcdefgh", 766, 20855},
+        {"efghabcd", 766, 20855},
+        {"\x80", 133, 26718},
+        {"ab\xff", 455, 37946},
+        {"\xff\xfe\xfd", 311, 27736},
+        {std::string("\0", 1), 791, 39208},
+        {std::string("a\0b", 3), 45, 27800},
+        {std::string("abcd\0\xe4", 6), 762, 50090},
+        {"\xff\xff\xff\xff", 727, 26537},
+        {"\x80\x81\x82\x83\x84\x85\x86", 696, 14794},
+        {"localhost", 528, 24334},
+    };
+    for (const Row &row : rows) {
+        const Table small = make(), large = make(PAAFLAGLARGE);
+        insert(small, row.key);
+        insert(large, row.key);
+        const auto number = [](int bucket) { return (bucket < 100 ? "0" : "") + std::to_string(bucket); };
+        EXPECT_EQ(dump(small), "# total 1 entries\n## " + number(row.small) + " 1 entries\n") << row.key;
+        EXPECT_EQ(dump(large), "# total 1 entries\n## " + number(row.large) + " 1 entries\n") << row.key;
+    }
+}
+
+/** A key of two words whose XOR is always the same: all such keys share one bucket, in tables of both sizes. */
+std::string colliding_key(uint32_t number) {
+    const uint32_t words[2] = {number, number ^ 0x5eedf00d};
+    return {reinterpret_cast<const char *>(words), sizeof words};
+}
+
+TEST(PaaHash, DumpsManyKeysOfOneBucketInOneLine) {
+    const Table table = make();
+    EXPECT_EQ(dump(table), "# total 0 entries\n");
+    for (uint32_t i = 0; i < 300; i++) insert(table, colliding_key(i));
+    insert(table, "A");
+    insert(table, "B");
+    remove(table, "B");
+    const std::string text = dump(table);
+    EXPECT_TRUE(text.starts_with("# total 301 entries\n## ")) << text;
+    EXPECT_NE(text.find(" 300 entries\n"), std::string::npos) << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3) << text;
+}
+
+TEST(PaaHash, KeepsALongChainSortedThroughInsertAndRemove) {
+    std::mt19937 random(std::random_device{}());
+    const Table table = make();
+    std::map<std::string, std::string> model;
+    for (int round = 0; round < 4000; round++) {
+        const std::string key = colliding_key(random() % 700);
+        if (random() % 3 == 0) {
+            EXPECT_EQ(remove(table, key), model.erase(key) ? 0 : -1);
+        } else {
+            EXPECT_EQ(insert(table, key, std::to_string(round)), model.contains(key) ? -1 : 0);
+            model.emplace(key, std::to_string(round));
+        }
+    }
+    PAA_ENTRY_S *head = nullptr;
+    for (int bucket = 0; bucket < 1019 && head == nullptr; bucket++) head = table->buckets[bucket];
+    auto expected = model.begin();
+    const PAA_ENTRY_S *before = nullptr;
+    for (const PAA_ENTRY_S *entry = head; entry != nullptr; entry = entry->chainNext, ++expected) {
+        ASSERT_NE(expected, model.end());
+        ASSERT_EQ(bytes(entry->key, static_cast<int>(entry->keyLength)), expected->first);
+        ASSERT_EQ(bytes(entry->value, static_cast<int>(entry->valueLength)), expected->second);
+        ASSERT_EQ(entry->chainPrev, before);
+        before = entry;
+    }
+    EXPECT_EQ(expected, model.end());
+    for (const auto &[key, value] : model) ASSERT_EQ(find(table, key), value);
+}
+
+}  // namespace

@@ -1,0 +1,216 @@
+/* A server's own address, and the orders of its administrator: who may give them, and what becomes of each. */
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "ivs/ivs.h"
+#include "tests/packet/sockets.h"
+#include "tests/support/accesskey.h"
+#include "tests/support/bytes.h"
+
+namespace {
+
+const uint32_t OWN_IP = htonl(0x0a000001), FOREIGN_IP = htonl(0x7f000002);
+
+class Administration : public SocketTest {
+protected:
+    Administration() {
+        ivs_local_ip = OWN_IP;
+        keyAccepted = 1;
+    }
+    ~Administration() override {
+        ivs_local_ip = 0;
+        ivs_local_port = 0;
+        keyAccepted = 0;
+    }
+
+    const OwnedFd server{packet_clt_socket_ip(LOOPBACK)}, client{packet_clt_socket_ip(LOOPBACK)};
+    const OwnedFd stranger{packet_clt_socket_ip(FOREIGN_IP)};
+    PacketAddress peer = name_of(client.get());
+    volatile int reread = 0;
+
+    /** The lines that a packet leads to; `code` is its byte at offset 7. */
+    std::string order(int code) { return order(hex_of(packet(code))); }
+    std::string order(const std::string &notation) {
+        const Bytes bytes = bytes_of(notation);
+        return told([&] {
+            ivs_admin_packet(server.get(), &reread, bytes.data(), static_cast<int>(bytes.size()), &peer, sizeof peer);
+        });
+    }
+    static Bytes packet(int code) {
+        Bytes bytes = bytes_of("84 010203040506 00 'rest'");
+        bytes[7] = static_cast<uint8_t>(code);
+        return bytes;
+    }
+    static std::string answer(const OwnedFd &socket) {
+        uint8_t bytes[2000];
+        const ssize_t length = recv(socket.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+        return length < 0 ? "nothing" : hex_of(bytes, static_cast<size_t>(length));
+    }
+    std::string from() const {
+        return std::string(packet_ip2str(peer.sin_addr.s_addr)) + ":" + std::to_string(ntohs(peer.sin_port));
+    }
+    void expect_echo(int code) const { EXPECT_EQ(answer(client), hex_of(packet(code))); }
+};
+
+TEST_F(Administration, ObeysEachActionAndSendsItBack) {
+    EXPECT_EQ(order(IVS_ADMIN_REREAD), "test: Received IVS_ADMIN_REREAD packet from " + from() + "\n");
+    expect_echo(IVS_ADMIN_REREAD);
+    EXPECT_EQ(reread, 1);
+    const Bytes again = packet(IVS_ADMIN_REREAD);
+    told([&] { ivs_admin_packet(server.get(), nullptr, again.data(), 12, &peer, sizeof peer); });
+    expect_echo(IVS_ADMIN_REREAD);
+
+    const std::string closing = "test: Received IVS_ADMIN_NEWLOG packet from " + from() + " Closing log\n";
+    EXPECT_EQ(order(IVS_ADMIN_NEWLOG).rfind(closing + "test: Reopening log file", 0), 0U);
+    expect_echo(IVS_ADMIN_NEWLOG);
+
+    const std::string received = "test: Received IVS_ADMIN_TRACEON packet from " + from() + "\n";
+    const std::string on = order(IVS_ADMIN_TRACEON);
+    EXPECT_NE(process_context.trace, 0);
+    EXPECT_EQ(on.rfind(received, 0), 0U);
+    EXPECT_NE(on.find(": Tracing turned on!\n"), std::string::npos);
+    const std::string off = order(IVS_ADMIN_TRACEON);
+    EXPECT_EQ(process_context.trace, 0);
+    EXPECT_NE(off.find(": Tracing turned off!\n"), std::string::npos);
+    EXPECT_EQ(off.find("on!"), std::string::npos);
+    expect_echo(IVS_ADMIN_TRACEON);
+    expect_echo(IVS_ADMIN_TRACEON);
+    EXPECT_EQ(process_context.running, 1);
+}
+
+TEST_F(Administration, StopMarksTheStatusFile) {
+    root.write("status/test.1", "00012345 some time or other, and a longer text\n");
+    process_context.lockFd = open(root.path("status/test.1").c_str(), O_RDWR | O_CLOEXEC);
+    EXPECT_EQ(order(IVS_ADMIN_STOP), "test: Received IVS_ADMIN_STOP packet from " + from() + "\n");
+    expect_echo(IVS_ADMIN_STOP);
+    EXPECT_EQ(process_context.running, 0);
+    EXPECT_EQ(process_context.lockFd, -1);
+    tm at{};
+    const std::string text = root.read("status/test.1");
+    ASSERT_NE(strptime(text.c_str(), "00000000 %a %b %d %H:%M:%S %Y\n", &at), nullptr) << text;
+    at.tm_isdst = -1;
+    EXPECT_LE(abs(mktime(&at) - time(nullptr)), 2);
+}
+
+TEST_F(Administration, StopsWhateverBecomesOfTheStatusFile) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const OwnedFd reader(ends[0]);
+    struct Row {
+        int status;
+        std::string line;
+    };
+    for (const Row &row : {Row{-1, ""}, Row{ends[1], ""},
+                           Row{open("/dev/full", O_RDWR),
+                               "test: Could not write to the lock file! errmsg: No space left on device\n"}}) {
+        process_context.running = 1;
+        process_context.lockFd = row.status;
+        EXPECT_EQ(order(IVS_ADMIN_STOP), "test: Received IVS_ADMIN_STOP packet from " + from() + "\n" + row.line);
+        EXPECT_EQ(process_context.running, 0);
+        EXPECT_EQ(process_context.lockFd, -1);
+        EXPECT_TRUE(row.status < 0 || fcntl(row.status, F_GETFD) < 0) << "the descriptor is closed";
+    }
+    char byte;
+    EXPECT_EQ(read(reader.get(), &byte, 1), 0) << "nothing is written where there is no start to seek to";
+}
+
+TEST_F(Administration, RefusesStrangeActions) {
+    for (const auto &[notation, code] : {std::pair{"84 010203040506 05", 5},
+                                         {"84 010203040506 00", 0},
+                                         {"84 010203040506 ff 01", 255},
+                                         {"84", 0},
+                                         {"84 01010101010101", 1}}) {
+        if (code == 1) continue;
+        EXPECT_EQ(order(notation),
+                  "test: Received strange IVS_ADMIN_CODE from " + from() + " action " + std::to_string(code) + "\n");
+        EXPECT_EQ(answer(client), hex_of(bytes_of(std::string("09 05") + notation)));
+    }
+    const std::string behind = "84 000000000000 01";
+    const Bytes bytes = bytes_of(behind);
+    const std::string lines =
+        told([&] { ivs_admin_packet(server.get(), &reread, bytes.data(), 7, &peer, sizeof peer); });
+    EXPECT_NE(lines.find(" action 0\n"), std::string::npos) << "what lies behind a short packet doesn't count";
+    EXPECT_EQ(process_context.running, 1);
+}
+
+TEST_F(Administration, PassesOverWhatIsNoOrder) {
+    EXPECT_EQ(order("97 010203040506 01"), "");
+    EXPECT_EQ(order(""), "");
+    EXPECT_EQ(answer(client), "nothing");
+    EXPECT_EQ(process_context.running, 1);
+}
+
+TEST_F(Administration, NeedsTheKeyAndSaysNothingWithoutIt) {
+    keyAccepted = 0;
+    EXPECT_EQ(order(IVS_ADMIN_STOP), "test: ADMIN: Received request 1 without access key from " + from() + "\n");
+    EXPECT_EQ(order(9), "test: ADMIN: Received request 9 without access key from " + from() + "\n");
+    EXPECT_EQ(answer(client), "nothing");
+    EXPECT_EQ(process_context.running, 1);
+    process_context.noAccessKeyCheck = 1;
+    order(IVS_ADMIN_STOP);
+    expect_echo(IVS_ADMIN_STOP);
+    EXPECT_EQ(process_context.running, 0);
+}
+
+TEST_F(Administration, ObeysThisHostOnly) {
+    peer = name_of(stranger.get());
+    for (const int accepted : {0, 1}) {
+        keyAccepted = accepted;
+        EXPECT_NE(order(IVS_ADMIN_STOP).find("Received illegal ADMIN PACKET from " + from() + "\n"),
+                  std::string::npos);
+        EXPECT_EQ(answer(stranger), "0906" + hex_of(packet(IVS_ADMIN_STOP)));
+        EXPECT_EQ(process_context.running, 1);
+    }
+    ivs_local_ip = FOREIGN_IP;  // now it is our own
+    order(IVS_ADMIN_REREAD);
+    EXPECT_EQ(answer(stranger), hex_of(packet(IVS_ADMIN_REREAD)));
+}
+
+TEST_F(Administration, AnswersNothingThatClaimsToComeFromItself) {
+    for (const uint32_t ip : {LOOPBACK, OWN_IP}) {
+        peer.sin_addr.s_addr = ip;
+        ivs_local_port = peer.sin_port;
+        order(IVS_ADMIN_REREAD);
+        order(9);
+        EXPECT_EQ(answer(client), "nothing");
+    }
+}
+
+TEST_F(Administration, AnswersInAnEnvelopeWhatCameInOne) {
+    Child child([this](Child &self) {
+        const AccessKey key("abcdefghijklmnopabcdefghijklmnop");
+        root.write("etc/access.key", "127.0.0.1 encrypt " + key.text() + "\n");
+        process_context.silent = 1;
+        packet_own_ip = LOOPBACK;
+        for (const auto &[socket, code] : {std::pair{&client, 3}, {&client, 9}, {&stranger, 3}, {&stranger, 3}}) {
+            const Bytes order = packet(code);
+            const PacketAddress to = name_of(server.get());
+            const std::string sealed = key.sealed(std::string(order.begin(), order.end()));
+            packet_sendto(socket->get(), sealed.data(), static_cast<int>(sealed.size()), &to, sizeof to);
+            uint8_t bytes[100];
+            int size = sizeof peer;
+            const int length = packet_read(server.get(), bytes, sizeof bytes, &peer, &size, nullptr);
+            ivs_admin_packet(server.get(), nullptr, bytes, length, &peer, size);
+            const std::string back = answer(*socket);
+            self.report(back.size() < 10 ? back : back.substr(0, 2) + " " + std::to_string(back.size() / 2));
+            if (socket == &stranger) ivs_local_ip = FOREIGN_IP;
+        }
+        return 0;
+    });
+    EXPECT_EQ(child.next_report(), "a5 33") << "12 bytes under the peer's key";
+    EXPECT_EQ(child.next_report(), "a5 33") << "a refusal as well";
+    EXPECT_EQ(child.next_report(), "0906") << "a peer without a key sees nothing of it";
+    EXPECT_EQ(child.next_report(), "84");
+}
+
+TEST_F(Administration, ServerLearnsItsOwnAddress) {
+    process_context.bindIp = "127.0.0.9";
+    EXPECT_EQ(told([] { EXPECT_EQ(ivs_startup(4711), 0); }), "test: RUNNING ON 127.0.0.9:4711\n");
+    EXPECT_EQ(ivs_local_ip, htonl(0x7f000009));
+    EXPECT_EQ(ivs_local_port, htons(4711));
+}
+
+}  // namespace

@@ -1,0 +1,206 @@
+/* The one door out: the pending key, the trace line, failed sends, the measurement, and refusals. */
+#include <stdlib.h>
+#include <string.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+#include <map>
+
+#include "ivs/ivsi.h"
+#include "tests/packet/sockets.h"
+#include "tests/support/bytes.h"
+
+namespace {
+int refusal = 0;  // what sending fails with instead of being tried
+}
+
+/** Stands in front of the system's own: the library takes pending errors off a socket before it sends, so that a peer
+ *  that is gone can't be brought about by sockets alone. */
+extern "C" ssize_t sendto(int socket, const void *data, size_t length, int flags, const sockaddr *address,
+                          socklen_t size) {
+    if (refusal == 0) return syscall(SYS_sendto, socket, data, length, flags, address, size);
+    errno = refusal;
+    return -1;
+}
+
+namespace {
+
+class Sending : public SocketTest {
+protected:
+    Sending() {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        ivs::trace_clock = [](timeval *now) { *now = {981173107, 123456}; };
+        process_context.noAccessKeyCheck = 1;  // no key file is looked for
+        process_context.traceStream = trace_;
+        packet_bound_ip = LOOPBACK;
+    }
+    ~Sending() override {
+        ivs::trace_clock = clockBefore_;
+        fclose(trace_);
+        free(text_);
+        refusal = 0;
+        ivs_pending_key = nullptr;
+        ivs_pending_key_flags = 0;
+        ivs_compression_stats = 0;
+        ivs_measured_packets = 0;
+        ivs_last_measure = 0;
+        memset(ivs_byte_counts, 0, sizeof ivs_byte_counts);
+    }
+
+    const Bytes key = bytes_of("123456789abcdef0123456789abcdef0");
+    const OwnedFd server{packet_clt_socket_ip(LOOPBACK)}, client{packet_clt_socket_ip(LOOPBACK)};
+    const PacketAddress to = name_of(server.get());
+
+    void set_key(uint32_t flags) {
+        ivs_pending_key = key.data();
+        ivs_pending_key_flags = flags;
+    }
+    int send(const std::string &packet) {
+        const Bytes bytes = bytes_of(packet);
+        return ivs_sendto(client.get(), bytes.data(), static_cast<int>(bytes.size()), &to, sizeof to);
+    }
+    /** The datagram that has arrived, as it came or out of its envelope; and no key is pending any more. */
+    std::string received(bool enciphered = false) const {
+        EXPECT_EQ(ivs_pending_key, nullptr);
+        EXPECT_EQ(ivs_pending_key_flags, 0U);
+        uint8_t bytes[2000], opened[2000];
+        int length = static_cast<int>(recv(server.get(), bytes, sizeof bytes, MSG_DONTWAIT));
+        if (length < 0) return "nothing";
+        if (!enciphered) return hex_of(bytes, static_cast<size_t>(length));
+        const unsigned char *plain = packet_decrypt(key.data(), bytes, length, opened, &length);
+        return plain == nullptr ? "no envelope" : hex_of(plain, static_cast<size_t>(length));
+    }
+    std::string trace() const {
+        fflush(trace_);
+        return {text_, size_};
+    }
+
+private:
+    void (*const clockBefore_)(timeval *) = ivs::trace_clock;
+    char *text_ = nullptr;
+    size_t size_ = 0;
+    FILE *trace_ = open_memstream(&text_, &size_);
+};
+
+TEST_F(Sending, UsesThePendingKeyOnce) {
+    for (const uint32_t flags : {0U, 1U, 2U, 3U}) {
+        set_key(flags);
+        EXPECT_EQ(send("97 'hello'"), 0);
+        EXPECT_EQ(received((flags & 2) != 0), "9768656c6c6f") << flags;
+        EXPECT_EQ(send("97 'hello'"), 0);
+        EXPECT_EQ(received(), "9768656c6c6f");
+    }
+    ivs_pending_key_flags = IVS_KEY_FLAG_ENCIPHER;  // flags without a key
+    send("97");
+    EXPECT_EQ(received(), "97");
+}
+
+TEST_F(Sending, FailureIsToldAndForgotten) {
+    struct Row {
+        int error, trace;
+        std::string begins;  // "-" for no line at all
+    };
+    for (const Row &row : {Row{EHOSTUNREACH, 0, "test: "}, Row{EHOSTUNREACH, 1, "test: "}, Row{ECONNREFUSED, 0, "-"},
+                           Row{ECONNREFUSED, 1, "T\\d+\\.\\d+ PID \\d+: "}}) {
+        for (const uint32_t flags : {0U, 2U}) {
+            refusal = row.error;
+            process_context.trace = row.trace;
+            set_key(flags);
+            const std::string lines = told([&] { EXPECT_EQ(send("97"), 0); });
+            const std::string expected = "(.*\n)*" + row.begins + "ivs_sendto: packet_sendto socket " +
+                                         std::to_string(client.get()) + " failed! errmsg: " + strerror(row.error) +
+                                         "!\n";
+            EXPECT_TRUE(row.begins == "-" ? lines.empty() : std::regex_match(lines, std::regex(expected))) << lines;
+            EXPECT_EQ(received(), "nothing");
+        }
+    }
+}
+
+TEST_F(Sending, IsTraced) {
+    EXPECT_EQ(send("97 'x'"), 0);
+    EXPECT_EQ(trace(), "") << "the flag is off";
+    process_context.trace = 1;
+    set_key(IVS_KEY_FLAG_ENCIPHER);
+    const std::string head = "TS 20010203040507.123456 127.0.0.1:" + std::to_string(ntohs(to.sin_port)) + " ";
+    told([&] {
+        EXPECT_EQ(send("97 'x'"), 0);
+        EXPECT_EQ(trace(), head + "  2 PING L: 1 \"x\"\n") << "as it was before it was enciphered";
+        EXPECT_EQ(send(""), 0);
+        process_context.traceStream = nullptr;
+        EXPECT_EQ(send("97 'x'"), 0);
+    });
+    EXPECT_EQ(trace(), head + "  2 PING L: 1 \"x\"\n" + head + "  0 \n");
+}
+
+TEST_F(Sending, MeasuresTheBulkTextOnly) {
+    for (const int on : {0, 1}) {
+        ivs_compression_stats = on;
+        for (const char *each : {"12 'ab'", "17 'a'", "37", "39 'a'", "0d 616161 97 'b'", "0d 61",  // these, and not
+                                 "", "97 'a'", "0b 'a'", "13 'a'", "16 'a'", "38 'a'"}) {
+            send(each);
+        }
+        std::map<int, uint32_t> counted;
+        for (int value = 0; value < 256; value++) {
+            if (ivs_byte_counts[value] != 0) counted[value] = ivs_byte_counts[value];
+        }
+        EXPECT_EQ(ivs_measured_packets, on != 0 ? 6U : 0U);
+        EXPECT_EQ(ivs_last_measure != 0, on != 0);
+        const std::map<int, uint32_t> expected = {{0x12, 1}, {0x17, 1}, {0x37, 1}, {0x39, 1},
+                                                  {0x97, 1}, {'a', 3},  {'b', 2}};
+        EXPECT_EQ(counted, on != 0 ? expected : decltype(expected){});
+    }
+}
+
+TEST_F(Sending, ReportsTheMeasurementEach300Seconds) {
+    ivs_compression_stats = 1;
+    struct Row {
+        uint32_t a, b, c, packets, a_scaled, b_scaled, c_scaled;
+    };
+    for (const Row &row : {Row{1000, 10, 0, 7, 1000, 10, 0}, Row{65534, 65534, 5, 3, 65534, 65534, 5},
+                           Row{65535, 10, 1, 3, 32767, 5, 0}, Row{400000, 3, 140000, 3, 50000, 0, 17500},
+                           Row{10, 9, 70000, 3, 5, 4, 35000}}) {
+        ivs_byte_counts['a'] = row.a;
+        ivs_byte_counts['b'] = row.b;
+        ivs_byte_counts['c'] = row.c;
+        ivs_measured_packets = row.packets;
+        ivs_last_measure = time(nullptr) - 298;
+        EXPECT_EQ(told([&] { send("97"); }), "") << "too early";
+
+        uint32_t scaled[256] = {}, figures[3];
+        scaled['a'] = row.a_scaled;
+        scaled['b'] = row.b_scaled;
+        scaled['c'] = row.c_scaled;
+        free(iv_init_compression(scaled, row.packets, &figures[0], &figures[1], &figures[2]));
+        ivs_last_measure = time(nullptr) - 301;
+        EXPECT_EQ(told([&] { send("12 'b'"); }), "test: IV.CMP packets " + std::to_string(row.packets) + " bytes " +
+                                                     std::to_string(figures[0]) + ", compressed " +
+                                                     std::to_string(figures[1]) + ", savings " +
+                                                     std::to_string(figures[2]) + "\n");
+        EXPECT_LE(time(nullptr) - ivs_last_measure, 1);
+        EXPECT_EQ(ivs_measured_packets, 1U) << "the packet itself opens the next period";
+        EXPECT_EQ(std::exchange(ivs_byte_counts[0x12], 0), 1U);
+        EXPECT_EQ(ivs_byte_counts['a'], 0U);
+    }
+    ivs_measured_packets = 0;
+    ivs_last_measure = 0;
+    EXPECT_EQ(told([&] { send("97"); }), "") << "nothing was measured";
+    EXPECT_LE(time(nullptr) - ivs_last_measure, 1);
+}
+
+TEST_F(Sending, RefusalShowsTheStartOfThePacketUnderTheKey) {
+    struct Row {
+        uint32_t flags;
+        size_t length, copied;
+    };
+    for (const Row &row : {Row{0, 0, 0}, Row{0, 3, 3}, Row{0, 548, 548}, Row{0, 549, 548}, Row{1, 3, 3},
+                           Row{1, 900, 548}, Row{2, 3, 3}}) {
+        const Bytes packet(row.length, 'x');
+        if (row.flags != 0) set_key(row.flags);
+        EXPECT_EQ(ivs_snd_cofa(client.get(), IVS_COFA_BADD, packet.data(), static_cast<int>(row.length), &to, 16), 0);
+        EXPECT_EQ(received(row.flags == 2),
+                  (row.flags == 1 ? "a4" + hex_of(key) : "") + "0905" + hex_of(packet.data(), row.copied));
+    }
+}
+
+}  // namespace

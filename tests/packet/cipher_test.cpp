@@ -1,0 +1,188 @@
+/* Cipher, digest and random numbers: the standards' own answers, on every way that this processor knows. */
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+#include <set>
+
+#include "packet/cryptoi.h"
+#include "packet/packet.h"
+#include "process/velproc.h"
+#include "tests/support/bytes.h"
+#include "tests/support/child.h"
+
+namespace {
+
+struct Answer {
+    const char *key, *plain, *enciphered;
+};
+constexpr char plain[] = "00112233445566778899aabbccddeeff";
+constexpr Answer answers[] = {
+    {"2b7e151628aed2a6abf7158809cf4f3c", "3243f6a8885a308d313198a2e0370734", "3925841d02dc09fbdc118597196a0b32"},
+    {"000102030405060708090a0b0c0d0e0f", plain, "69c4e0d86a7b0430d8cdb78070b4c55a"},
+    {"000102030405060708090a0b0c0d0e0f1011121314151617", plain, "dda97ca4864cdfe06eaf70a0ec0d7191"},
+    {"000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f", plain, "8ea2b7ca516745bfeafc49904b496089"}};
+
+TEST(Aes, GivesThePublishedAnswersOnEveryWay) {
+    uint32_t schedule[PACKET_AES_SCHEDULE_WORDS];
+    uint8_t block[16];
+    for (const Answer &answer : answers) {
+        const Bytes key = bytes_of(answer.key);
+        const int rounds = static_cast<int>(key.size()) / 4 + 6;
+        for (const AesPath *path : {&aes_by_tables, &aes_by_instructions}) {
+            if (path == &aes_by_instructions && !aes_has_instructions()) continue;
+            path->expand(schedule, key.data(), rounds);
+            path->encipher(schedule, rounds, bytes_of(answer.plain).data(), block, 1);
+            EXPECT_EQ(hex_of(block, 16), answer.enciphered) << path->name;
+            path->invert(schedule, rounds);
+            path->decipher(schedule, rounds, block, block, 1);
+            EXPECT_EQ(hex_of(block, 16), answer.plain) << path->name;
+        }
+        const int bits = static_cast<int>(key.size()) * 8;
+        EXPECT_EQ(packet_aes_key_enc(schedule, key.data(), bits), rounds);
+        packet_aes_encrypt_block(schedule, rounds, bytes_of(answer.plain).data(), block);
+        EXPECT_EQ(hex_of(block, 16), answer.enciphered);
+        EXPECT_EQ(packet_aes_key_dec(schedule, key.data(), bits), rounds);
+        packet_aes_decrypt_block(schedule, rounds, block, block);
+        EXPECT_EQ(hex_of(block, 16), answer.plain);
+    }
+    for (const int bits : {0, 100, 127, 160, 512, -128}) {
+        EXPECT_EQ(packet_aes_key_enc(nullptr, nullptr, bits), 0);
+        EXPECT_EQ(packet_aes_key_dec(nullptr, nullptr, bits), 0);
+    }
+}
+
+TEST(Aes, IsTheSameOnEveryWay) {
+    if (!aes_has_instructions()) GTEST_SKIP() << "only one way on this processor";
+    Seeded random;
+    for (int turn = 0; turn < 600; ++turn) {
+        const int rounds = 10 + 2 * (turn % 3);
+        const size_t blocks = random() % 40;  // around the edges of what goes on its way at once
+        const Bytes key = random.bytes(32), before = random.bytes(blocks * 16 + 1);
+        Bytes one(before), other(before);
+        uint32_t tables[PACKET_AES_SCHEDULE_WORDS] = {}, instructions[PACKET_AES_SCHEDULE_WORDS] = {};
+        aes_by_tables.expand(tables, key.data(), rounds);
+        aes_by_instructions.expand(instructions, key.data(), rounds);
+        aes_by_tables.encipher(tables, rounds, before.data() + 1, one.data() + 1, blocks);
+        aes_by_instructions.encipher(instructions, rounds, before.data() + 1, other.data() + 1, blocks);
+        ASSERT_EQ(one, other);
+        aes_by_tables.invert(tables, rounds);
+        aes_by_instructions.invert(instructions, rounds);
+        ASSERT_EQ(memcmp(tables, instructions, sizeof tables), 0);
+        aes_by_tables.decipher(tables, rounds, one.data() + 1, one.data() + 1, blocks);
+        aes_by_instructions.decipher(instructions, rounds, other.data() + 1, other.data() + 1, blocks);
+        ASSERT_EQ(one, before);
+        ASSERT_EQ(other, before);
+    }
+}
+
+TEST(Aes, GoesBlockByBlockAndRoundsALengthUp) {
+    const Bytes key = bytes_of(answers[1].key), blocks = bytes_of(std::string(plain) + plain + plain);
+    const std::string one = answers[1].enciphered;
+    Bytes target(64, 0x5c);
+    packet_aes_encrypt(key.data(), blocks.data(), 33, target.data());
+    EXPECT_EQ(hex_of(target), one + one + one + hex_of(Bytes(16, 0x5c)));
+    packet_aes_decrypt(key.data(), target.data(), 17, target.data());
+    EXPECT_EQ(hex_of(target.data(), 48), std::string(plain) + plain + one);
+}
+
+/** The digest of a text on one of the ways, padded here; `counted_before` are bits said to stand in front of it. */
+std::string digest_by(Sha256Blocks way, std::string text, uint64_t counted_before = 0) {
+    const uint64_t bits = counted_before + 8 * text.size();
+    text += '\x80';
+    while (text.size() % 64 != 56) text += '\0';
+    for (int shift = 56; shift >= 0; shift -= 8) text += static_cast<char>(bits >> shift);
+    uint32_t state[] = {0x6a09e667, 0xbb67ae85, 0x3c6ef372, 0xa54ff53a,
+                        0x510e527f, 0x9b05688c, 0x1f83d9ab, 0x5be0cd19};
+    way(state, reinterpret_cast<const uint8_t *>(text.data()), text.size() / 64);
+    for (uint32_t &word : state) word = htonl(word);
+    return hex_of(state, sizeof state);
+}
+
+/** Expects a digest from each way and from the one call. */
+void expect_digest(const std::string &text, const std::string &expected) {
+    EXPECT_EQ(hex_of(packet_sha256(text.data(), static_cast<int>(text.size())), 32), expected);
+    EXPECT_EQ(digest_by(sha256_blocks_plain, text), expected);
+    EXPECT_EQ(sha256_has_instructions() ? digest_by(sha256_blocks_by_instructions, text) : expected, expected);
+}
+
+TEST(Sha256, GivesThePublishedAnswersOnEveryWay) {
+    expect_digest("", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    expect_digest("abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    expect_digest("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
+                  "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
+    expect_digest(std::string(1000000, 'a'), "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+}
+
+/** The digest by the three steps, in pieces of random size. */
+std::string digest_in_pieces(PACKET_SHA256_S &context, const Bytes &bytes, Seeded &source) {
+    for (size_t at = 0; at < bytes.size();) {
+        const size_t piece = std::min<size_t>(bytes.size() - at, source() % 90);
+        packet_sha256_update(&context, bytes.data() + at, static_cast<int>(piece));
+        at += piece;
+    }
+    packet_sha256_finish(&context);
+    uint8_t digest[32];
+    packet_sha256_digest(&context, digest);
+    packet_sha256_digest(&context, nullptr);
+    return hex_of(digest, sizeof digest);
+}
+
+TEST(Sha256, IsTheSameOnEveryWayAndInPiecesOfAnySize) {
+    Seeded random;
+    PACKET_SHA256_S context;
+    for (size_t length = 0; length < 300 && !HasFailure(); ++length) {
+        const Bytes bytes = random.bytes(length);
+        packet_sha256_init(&context);
+        expect_digest({bytes.begin(), bytes.end()}, digest_in_pieces(context, bytes, random));
+    }
+    packet_sha256_init(&context);
+    context.bitCount[1] = 0xfffffff8;  // as if half a gigabyte stood in front
+    EXPECT_EQ(digest_in_pieces(context, {'a', 'b'}, random), digest_by(sha256_blocks_plain, "ab", 0xfffffff8));
+}
+
+/* Random numbers are seeded once for a process, so each test has its own. */
+
+TEST(RandomNumbers, AreTheEightWordsOfADigest) {
+    Child child([](Child &self) {
+        process_context.rootDir = nullptr;
+        const unsigned char *digest = packet_sha256("", 0);
+        std::string seen, before = hex_of(digest, 32);
+        for (int call = 0; call < 18; ++call) {
+            const int number = packet_random("noise", call % 6);
+            uint32_t word;
+            memcpy(&word, digest + call % 8 * sizeof word, sizeof word);
+            seen += hex_of(digest, 32) != before ? '+' : '-';
+            if (number != static_cast<int>(word & 0x7fffffff)) seen += '!';
+            before = hex_of(digest, 32);
+        }
+        self.report(seen);
+        return 0;
+    });
+    EXPECT_EQ(child.next_report(), "+-------+-------+-") << "+ a new digest, ! not its word";
+}
+
+TEST(RandomNumbers, AreSeededOnceForAProcess) {
+    std::set<std::string> firsts;
+    for (int process = 0; process < 8; ++process) {
+        Child child([](Child &self) {
+            process_context.rootDir = nullptr;
+            process_context.startTime = 12345;
+            packet_own_ip = 0;
+            srand(7);
+            self.report(std::to_string(packet_random_seed(1)) + " " + std::to_string(packet_random(nullptr, 0)));
+            for (int call = 0; call < 20; ++call) packet_random(nullptr, 0);
+            const int after = rand();
+            srand(7);
+            srand(static_cast<unsigned>(rand() ^ getpid() ^ 12345));
+            rand();
+            return after == rand() && packet_own_ip != 0 ? 0 : 1;
+        });
+        firsts.insert(child.next_report());
+        EXPECT_EQ(child.exit_code(), 0) << "it draws twice, and looks for the host's key";
+    }
+    EXPECT_EQ(firsts.size(), 8U);
+}
+
+}  // namespace

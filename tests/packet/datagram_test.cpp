@@ -1,0 +1,276 @@
+/* Sockets and datagrams: binding, waiting, reading, sending; each failure with its code and its line. */
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+
+#include "tests/packet/sockets.h"
+
+namespace {
+
+class BoundSocket : public SocketTest {};
+
+TEST_F(BoundSocket, OfAClientIsSilentAndLeavesTheBoundAddressAlone) {
+    const std::string lines = told([] {
+        const OwnedFd any(packet_clt_socket()), one(packet_clt_socket_ip(0)), server(packet_srv_socket(0));
+        for (const OwnedFd *socket : {&any, &one, &server}) {
+            ASSERT_TRUE(socket->is_open());
+            EXPECT_EQ(name_of(socket->get()).sin_addr.s_addr, INADDR_ANY);
+            EXPECT_NE(port_of(socket->get()), 0);
+            EXPECT_EQ(fcntl(socket->get(), F_GETFD), FD_CLOEXEC);
+        }
+    });
+    EXPECT_EQ(lines, "");
+    EXPECT_EQ(packet_bound_ip, 0U);
+}
+
+TEST_F(BoundSocket, FirstAddressStays) {
+    const OwnedFd first(packet_clt_socket_ip(LOOPBACK)), second(packet_clt_socket_ip(htonl(0x7f000002)));
+    EXPECT_EQ(name_of(second.get()).sin_addr.s_addr, htonl(0x7f000002));
+    EXPECT_EQ(packet_bound_ip, LOOPBACK);
+}
+
+TEST_F(BoundSocket, OnAPortOfItsOwnIsLogged) {
+    for (const uint32_t ip : {LOOPBACK, 0U}) {
+        int made = -1;
+        uint16_t port = 0;
+        std::string lines;
+        for (int attempt = 0; attempt < 20 && made < 0; attempt++) {  // somebody else may take the free port first
+            OwnedFd free(packet_clt_socket());
+            port = port_of(free.get());
+            free.reset();
+            lines = told([&] { made = ip != 0 ? packet_srv_bound_socket(ip, port) : packet_srv_socket(port); });
+        }
+        const OwnedFd socket(made);
+        EXPECT_EQ(port_of(made), port);
+        EXPECT_EQ(lines, "test: UDPSOCKET = " + std::to_string(made) + " bound to " +
+                             (ip != 0 ? "127.0.0.1" : "INADDR_ANY") + ":" + std::to_string(port) + "\n");
+    }
+}
+
+TEST_F(BoundSocket, ThatCantBeBoundIsReportedAndClosed) {
+    const OwnedFd taken(packet_clt_socket());
+    const uint16_t port = port_of(taken.get());
+    const int next = dup(taken.get());
+    close(next);
+    const std::string lines = told([&] {
+        EXPECT_EQ(packet_srv_socket(port), PACKETERRBIND);
+        EXPECT_EQ(packet_srv_bound_socket(htonl(0xc0000201), 5), PACKETERRBIND);
+        EXPECT_EQ(errno, EADDRNOTAVAIL);
+    });
+    const std::string begin = "test: packet_srv_bound_socket: bind( sockfd, ";
+    EXPECT_EQ(lines, begin + "INADDR_ANY:" + std::to_string(port) + " ) errmsg: Address already in use!\n" + begin +
+                         "192.0.2.1:5 ) errmsg: Cannot assign requested address!\n");
+    EXPECT_EQ(packet_bound_ip, htonl(0xc0000201)) << "set before the attempt";
+    const OwnedFd reused(dup(taken.get()));
+    EXPECT_EQ(reused.get(), next) << "a descriptor was left open";
+}
+
+TEST_F(BoundSocket, WithoutDescriptorsIsReported) {
+    Child child([](Child &) {
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_NOFILE, &none);
+        return -1000 - packet_clt_socket();
+    });
+    EXPECT_EQ(child.exit_code(), -1000 - PACKETERRSOCKET);
+    EXPECT_EQ(child.output(),
+              "test: packet_srv_bound_socket: socket( AF_INET, SOCK_DGRAM ) errmsg: Too many open files!\n");
+}
+
+TEST_F(BoundSocket, BeyondWhatSelectHoldsIsNotUsed) {
+    Child child([](Child &self) {
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        if (limit.rlim_max < 1100) return 77;
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+        const OwnedFd low(packet_clt_socket_ip(LOOPBACK));
+        const int high = fcntl(low.get(), F_DUPFD, FD_SETSIZE);
+        char buffer[8];
+        PacketAddress peer;
+        int size = sizeof peer;
+        timeval now{};
+        self.report(std::to_string(packet_read(high, buffer, sizeof buffer, &peer, &size, &now)));
+        close(high);
+        while (fcntl(low.get(), F_DUPFD, 0) < FD_SETSIZE - 1) {
+        }
+        self.report(std::to_string(packet_clt_socket()));
+        return fcntl(FD_SETSIZE, F_GETFD) < 0 ? 0 : 1;  // closed at once
+    });
+    const std::string reading = child.next_report(), making = child.next_report();
+    if (child.exit_code() == 77) GTEST_SKIP() << "this machine does not allow so many descriptors";
+    EXPECT_EQ(reading, std::to_string(PACKETERRBADSOCKET));
+    EXPECT_EQ(making, std::to_string(PACKETERRSOCKET));
+    EXPECT_EQ(child.exit_code(), 0);
+}
+
+/* ---- Reading ----------------------------------------------------------------------------------------------------- */
+
+class Datagrams : public SocketTest {
+protected:
+    OwnedFd server{packet_clt_socket_ip(LOOPBACK)}, client{packet_clt_socket_ip(LOOPBACK)};
+    const PacketAddress serverAddress = name_of(server.get()), clientAddress = name_of(client.get());
+    PacketAddress peer{};
+    int peerSize = sizeof peer;
+    std::string received;
+
+    int read(int socket, int size = 64, long milliseconds = 5000) {
+        timeval timeout{milliseconds / 1000, milliseconds % 1000 * 1000};
+        received.assign(static_cast<size_t>(size), '#');
+        peerSize = sizeof peer;
+        return packet_read(socket, received.data(), size, &peer, &peerSize, &timeout);
+    }
+    int send(const std::string &text) {
+        return packet_sendto(client.get(), text.data(), static_cast<int>(text.size()), &serverAddress, 16);
+    }
+};
+
+TEST_F(Datagrams, ArriveWithTheirSender) {
+    ASSERT_EQ(send(std::string("ab\0c", 4)), 0);
+    EXPECT_EQ(read(server.get()), 4);
+    EXPECT_EQ(received.substr(0, 5), std::string("ab\0c#", 5)) << "nothing is written behind what came";
+    EXPECT_EQ(peerSize, 16);
+    EXPECT_EQ(peer.sin_family, AF_INET);
+    EXPECT_EQ(peer.sin_port, clientAddress.sin_port);
+    EXPECT_EQ(peer.sin_addr.s_addr, LOOPBACK);
+
+    ASSERT_EQ(send(""), 0);
+    EXPECT_EQ(read(server.get()), 0) << "an empty datagram is no failure";
+    ASSERT_EQ(packet_sendto_ip(client.get(), "longer", 6, INADDR_LOOPBACK, ntohs(serverAddress.sin_port)), 0);
+    EXPECT_EQ(read(server.get(), 4), 4);
+    EXPECT_EQ(received, "long");
+}
+
+TEST_F(Datagrams, WaitWithoutLimit) {
+    ASSERT_EQ(send("x"), 0);
+    char byte;
+    EXPECT_EQ(packet_read(server.get(), &byte, 1, &peer, &peerSize, nullptr), 1);
+}
+
+TEST_F(Datagrams, WaitEndsQuietly) {
+    const std::string lines = told([&] {
+        EXPECT_EQ(read(server.get(), 64, 0), PACKETERRTIMEOUT);
+        EXPECT_EQ(read(server.get(), 64, 20), PACKETERRTIMEOUT);
+        process_context.running = 0;
+        const time_t start = time(nullptr);
+        EXPECT_EQ(read(server.get()), PACKETERRINTR);
+        EXPECT_LT(time(nullptr) - start, 4) << "it waited although the process is to end";
+        ASSERT_EQ(send("x"), 0);
+        EXPECT_EQ(read(server.get()), PACKETERRINTR);
+    });
+    EXPECT_EQ(lines, "");
+}
+
+volatile sig_atomic_t alarms = 0;
+
+/** A signal in 30 ms and every 30 ms from then on, without restart of what it interrupts. */
+class Alarm {
+public:
+    explicit Alarm(void (*handler)(int)) {
+        alarms = 0;
+        struct sigaction action {};
+        action.sa_handler = handler;
+        sigaction(SIGALRM, &action, &before_);
+        const itimerval often{{0, 30000}, {0, 30000}};
+        setitimer(ITIMER_REAL, &often, nullptr);
+    }
+    ~Alarm() {
+        const itimerval never{};
+        setitimer(ITIMER_REAL, &never, nullptr);
+        sigaction(SIGALRM, &before_, nullptr);
+    }
+
+private:
+    struct sigaction before_ {};
+};
+
+TEST_F(Datagrams, SignalInterruptsTheWait) {
+    const Alarm alarm([](int) { alarms = alarms + 1; });
+    EXPECT_EQ(told([&] { EXPECT_EQ(read(server.get()), PACKETERRINTR); }), "");
+    EXPECT_GT(alarms, 0);
+}
+
+TEST_F(Datagrams, HoldKeepsWhatHasArrivedUnread) {
+    ASSERT_EQ(send("x"), 0);
+    process_context.hold = 1;
+    const Alarm alarm([](int) {
+        alarms = alarms + 1;
+        if (alarms == 2) process_context.hold = 0;
+    });
+    EXPECT_EQ(read(server.get()), 1);
+    EXPECT_GE(alarms, 2) << "it was read while the hold lasted";
+}
+
+TEST_F(Datagrams, ErrorOfAnEarlierSendIsOnlyTraced) {
+    process_context.trace = 1;
+    for (const bool waiting : {true, false}) {
+        const OwnedFd socket = refused_socket();
+        const std::string lines = told([&] {
+            char byte;
+            if (waiting) {
+                EXPECT_EQ(read(socket.get(), 64, 50), PACKETERRTIMEOUT);
+            } else {
+                EXPECT_EQ(packet_readUDP(socket.get(), &byte, 1, nullptr, nullptr), PACKETERRINTR);
+            }
+        });
+        EXPECT_TRUE(lines.ends_with(std::string(": ") + (waiting ? "packet_read" : "packet_readUDP") +
+                                    ": cleared error Connection refused for socket " + std::to_string(socket.get()) +
+                                    "\n"))
+            << lines;
+    }
+    const OwnedFd socket = refused_socket();
+    told([&] { EXPECT_EQ(packet_clearSocketError(socket.get(), "label"), -1); });
+    EXPECT_EQ(told([&] { EXPECT_EQ(packet_clearSocketError(socket.get(), "label"), 0); }), "");
+}
+
+TEST_F(Datagrams, BadSocketsAreReported) {
+    const int closed = 60;  // nothing here opens so many; the kernel looks at no number above 63 for certain
+    const std::string number = std::to_string(closed);
+    uint32_t ip;
+    char byte;
+    struct Row {
+        int code;
+        std::function<int()> call;
+        std::string lines;
+    };
+    const std::string query = "getsockopt failed! errmsg Bad file descriptor\n";
+    const Row rows[] = {
+        {PACKETERRBADSOCKET, [&] { return read(-1); },
+         "test: packet_read: Attempt to read from illegal socket: -1\n"},
+        {PACKETERRBADSOCKET, [&] { return packet_readUDP(-5, &byte, 1, &ip, nullptr); },
+         "test: packet_readUDP: Attempt to read from illegal socket: -5\n"},
+        {PACKETERRBADSOCKET, [&] { return packet_sendto(-2, "x", 1, &serverAddress, 16); },
+         "test: packet_sendto: Attempt to send to illegal socket: -2\n"},
+        {PACKETERRSELECT, [&] { return read(closed); },
+         "test: packet_read: " + query + "test: packet_read: select on socket: " + number +
+             " failed! Bad file descriptor\n"},
+        {PACKETERRRECV, [&] { return packet_readUDP(closed, &byte, 1, &ip, nullptr); },
+         "test: packet_readUDP: " + query + "test: packet_readUDP: " + query +
+             "test: packet_readUDP: recvfrom on socket: " + number + " failed! rc -1, Bad file descriptor\n"},
+    };
+    for (const Row &row : rows) {
+        EXPECT_EQ(told([&] { EXPECT_EQ(row.call(), row.code) << row.lines; }), row.lines);
+    }
+}
+
+TEST_F(Datagrams, AreReadWithoutWaitingToo) {
+    ASSERT_EQ(send("abc"), 0);
+    char buffer[8];
+    uint32_t ip = 0;
+    uint16_t port = 0;
+    EXPECT_EQ(packet_readUDP(server.get(), buffer, sizeof buffer, &ip, &port), 3);
+    EXPECT_EQ(ip, static_cast<uint32_t>(INADDR_LOOPBACK));
+    EXPECT_EQ(port, ntohs(clientAddress.sin_port));
+}
+
+TEST_F(Datagrams, ThatCantBeSentAreReported) {
+    PacketAddress nowhere = serverAddress;
+    nowhere.sin_port = 0;
+    const std::string begin = "test: packet_sendto: sendto socket " + std::to_string(client.get()) + " 127.0.0.1:";
+    EXPECT_EQ(told([&] { EXPECT_EQ(packet_sendto(client.get(), "x", 1, &nowhere, 16), PACKETERRINVAL); }),
+              begin + "0 failed! rc -1, len 1 errmsg: Invalid argument!\n");
+    EXPECT_EQ(told([&] { EXPECT_EQ(send(std::string(70000, 'x')), PACKETERRSEND); }),
+              begin + std::to_string(ntohs(serverAddress.sin_port)) +
+                  " failed! rc -1, len 70000 errmsg: Message too long!\n");
+}
+
+}  // namespace

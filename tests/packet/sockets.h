@@ -1,0 +1,67 @@
+/* What the tests of the socket layer share: a process context of their own, sockets on the loopback, captured lines. */
+#ifndef TESTS_PACKET_SOCKETS_H
+#define TESTS_PACKET_SOCKETS_H
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <functional>
+#include <memory>
+#include <regex>
+#include <string>
+
+#include "packet/packet.h"
+#include "process/owned.h"
+#include "process/velproc.h"
+#include "tests/support/child.h"
+#include "tests/support/rootfolder.h"
+
+inline const uint32_t LOOPBACK = htonl(INADDR_LOOPBACK);
+
+/** A foreground process, so that its lines go to standard output: "test: <line>". */
+class SocketTest : public testing::Test {
+protected:
+    SocketTest() : before_(process_context) {
+        process_context.name = name_;
+        process_context.rootDir = root.path().c_str();
+        process_context.running = 1;
+        process_context.bindIp = nullptr;
+        process_context.localIp = 0;
+        packet_bound_ip = 0;
+    }
+    ~SocketTest() override { process_context = before_; }
+
+    RootFolder root;
+
+    /** The lines that the work wrote. */
+    static std::string told(const std::function<void()> &work) {
+        testing::internal::CaptureStdout();
+        work();
+        return testing::internal::GetCapturedStdout();
+    }
+    static PacketAddress name_of(int socket) {
+        PacketAddress address{};
+        socklen_t size = sizeof address;
+        getsockname(socket, reinterpret_cast<sockaddr *>(&address), &size);
+        return address;
+    }
+    static uint16_t port_of(int socket) { return ntohs(name_of(socket).sin_port); }
+
+    /** A socket with an error waiting: it has sent to a port at which nobody listens. */
+    static OwnedFd refused_socket() {
+        OwnedFd gone(packet_clt_socket_ip(LOOPBACK)), sender(packet_clt_socket_ip(LOOPBACK));
+        const PacketAddress peer = name_of(gone.get());
+        if (connect(sender.get(), reinterpret_cast<const sockaddr *>(&peer), sizeof peer) != 0) abort();
+        gone.reset();
+        if (send(sender.get(), "x", 1, 0) != 1) abort();
+        return sender;
+    }
+
+private:
+    PROCESS_S before_;
+    char name_[5] = "test";
+};
+
+#endif

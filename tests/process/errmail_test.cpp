@@ -1,0 +1,222 @@
+/* Error mail: what the mail tool is given, how often, and what it costs the process that reports the error. */
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+#include <filesystem>
+
+#include "process/processi.h"
+#include "tests/process/start.h"
+#include "tests/support/logwatch.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr time_t WALL = 1'700'000'000;
+const std::string NOT_AGAIN = "Process_mailout: Not sending a mail again!\n";
+
+PROCESS_PRINTF(2, 3) void mail_at(process::MailTime now, const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    process::mail_error(now, format, arguments);
+    va_end(arguments);
+}
+
+class ErrorMail : public testing::Test {
+protected:
+    RootFolder root;
+
+    /** Stands in for the mail tool: writes down what it was given, one argument behind the other, ended by "|". */
+    void SetUp() override {
+        root.write("bin/chmail",
+                   "#!/bin/sh\n"
+                   "[ -e /proc/$$/fd/1 ] && out=open || out=closed\n"
+                   "[ -e /proc/$$/fd/77 ] && high=open || high=closed\n"
+                   "held=$(sed -n 's/^SigBlk:[[:space:]]*//p' /proc/$$/status)\n"
+                   "printf '%s|' \"$0\" \"$@\" >\"$2/new\"\n"
+                   "echo \"$out $high $held $MARK $(pwd -P) $PPID\" >\"$2/circumstances\"\n"
+                   "echo a line of the tool >&2\n"
+                   "mv \"$2/new\" \"$2/mail.$$\"\n");
+        fs::permissions(root.path("bin/chmail"), fs::perms(0755));
+    }
+    /** Mails that went out until now. */
+    std::vector<std::string> mails() const {
+        std::vector<std::string> found;
+        for (const auto &entry : fs::directory_iterator(root.path())) {
+            if (entry.path().filename().string().starts_with("mail.")) found.push_back(entry.path().filename());
+        }
+        return found;
+    }
+    bool wait_for_mails(size_t wanted) const {
+        for (int i = 0; i < 2000 && mails().size() < wanted; i++) usleep(5000);
+        return mails().size() == wanted;
+    }
+    pid_t tool() const { return std::stoi("0" + mails().front().substr(5)); }
+    std::string expected(const std::string &pid, const std::string &text) const {
+        char host[1024] = "";
+        gethostname(host, sizeof host);
+        return root.path("bin/chmail") + "|-VELROOT|" + root.path() + "|-s|Gathering Server Error at " +
+               ctime(&WALL) + "|-t|\nError message from Gathering Server process prog running on host " + host +
+               "\n\nPID " + pid + ":\nETEXT=" + text + "\n|";
+    }
+    std::string logged() const { return without_first_line(root.log("prog.log")); }
+};
+
+TEST_F(ErrorMail, GivesTheToolSubjectAndTextAndNothingElseOfTheProcess) {
+    Child child([&](Child &self) {
+        setenv("MARK", "inherited", 1);
+        start_or_die(root, {"prog"}, {.log = 1, .processes = 1});
+        if (dup2(STDIN_FILENO, 77) < 0) return 1;
+        errno = ENOSPC;
+        mail_at({WALL, 5000}, "%s %d%% %m\n", "full:", 99);
+        if (errno != ENOSPC) return 2;
+        self.report("mailed");
+        wait_to_be_killed();
+    });
+    ASSERT_EQ(child.next_report(), "mailed");
+    ASSERT_TRUE(wait_for_mails(1));
+    const std::string pid = std::to_string(child.pid());
+    EXPECT_EQ(root.read(mails().front()), expected(pid, "full: 99% No space left on device\n"));
+    EXPECT_EQ(root.read("circumstances"), "closed closed 0000000000000000 inherited " +
+                                              fs::canonical(root.path("bin")).string() + " " + pid + "\n");
+    EXPECT_EQ(logged(), "a line of the tool\n");
+    EXPECT_TRUE(is_locked_by(root.path("status/prog.1"), child.pid())) << "the slot was lost with the child";
+}
+
+TEST_F(ErrorMail, GoesOutOnceAnHourByAClockThatNobodySets) {
+    struct Row {
+        process::MailTime now;
+        size_t mails;
+        std::string line;
+    };
+    const std::string line = "a line of the tool\n";
+    Child child([&](Child &self) {
+        start_or_die(root, {"prog"}, {.log = 1});
+        size_t row = 0;
+        for (const Row &step :
+             {Row{{WALL, 7}, 1, line}, Row{{WALL + 9, 7}, 1, NOT_AGAIN}, Row{{WALL + 90'000, 3606}, 1, NOT_AGAIN},
+              Row{{WALL - 90'000, 3607}, 2, line}, Row{{WALL, 3608}, 2, NOT_AGAIN}, Row{{WALL, 7207}, 3, line}}) {
+            const LogWatch log(root.path("log/prog.log"));
+            mail_at(step.now, "x\n");
+            if (!wait_for_mails(step.mails) || log.text() != step.line) self.report("row " + std::to_string(row));
+            row++;
+        }
+        self.report("done");
+        return 0;
+    });
+    EXPECT_EQ(child.next_report(), "done");
+}
+
+TEST_F(ErrorMail, CutsALongTextAndStillGoesOut) {
+    const std::string text = "short" + std::string(5000, 'x');
+    Child child([&](Child &) {
+        start_or_die(root, {"prog"}, {.log = 1});
+        mail_at({WALL, 5000}, "%s\n", text.c_str());
+        return 0;
+    });
+    ASSERT_TRUE(wait_for_mails(1));
+    const std::string whole = expected(std::to_string(child.pid()), text);
+    const size_t begin = whole.find("|-t|") + 4;
+    EXPECT_EQ(root.read(mails().front()), whole.substr(0, begin + 2046) + "\n|");
+}
+
+TEST_F(ErrorMail, IsForErrorsInALogOnly) {
+    struct Row {
+        int silent;
+        StartForm form;
+    };
+    for (const Row &row : {Row{1, {.log = 1}}, Row{0, {}}}) {
+        Child child([&](Child &) {
+            start_or_die(root, {"prog"}, row.form);
+            process_context.silent = row.silent;
+            process_error("unmailed\n");
+            return waitpid(-1, nullptr, 0) == -1 && errno == ECHILD ? 0 : 1;
+        });
+        EXPECT_EQ(child.exit_code(), 0) << "a mail tool was started";
+    }
+    Child child([&](Child &) {
+        start_or_die(root, {"prog"}, {.log = 1});
+        process_log("unmailed\n");
+        process_error("first %d\n", 1);
+        process_exit(5);
+        return 0;
+    });
+    EXPECT_EQ(child.exit_code(), 5);
+    ASSERT_TRUE(wait_for_mails(1));
+    EXPECT_NE(root.read(mails().front()).find("ETEXT=first 1\n\n|"), std::string::npos);
+    const std::string log = root.log("prog.log");
+    EXPECT_NE(log.find("EXITCODE=5;\n" + NOT_AGAIN), std::string::npos) << log;
+}
+
+TEST_F(ErrorMail, GoesOutOfASignalHandlerAndHoldsNoSignalBack) {
+    Child child([&](Child &) {
+        start_or_die(root, {"prog"}, {.log = 1});
+        process_signal(SIGUSR1, [](int) { process_error("from a handler\n"); });
+        raise(SIGUSR1);
+        return 0;
+    });
+    EXPECT_EQ(child.exit_code(), 0);
+    ASSERT_TRUE(wait_for_mails(1));
+    EXPECT_TRUE(root.read("circumstances").starts_with("closed closed 0000000000000000 "));
+}
+
+/* The tool is no zombie for long: a daemon hears of its end; any other process looks when it prints. */
+TEST_F(ErrorMail, ToolIsReaped) {
+    for (const bool isDaemon : {true, false}) {
+        for (const std::string &old : mails()) fs::remove(root.path(old));
+        Child child([&](Child &) {
+            start_or_die(root, {"prog"}, {.log = 1});
+            if (isDaemon) process::install_daemon_handlers();
+            process_error("x\n");
+            if (!wait_for_mails(1)) return 1;
+            for (int i = 0; i < 2000 && kill(tool(), 0) == 0; i++) {
+                if (!isDaemon) process_log("y\n");
+                usleep(5000);
+            }
+            return kill(tool(), 0) == -1 && errno == ESRCH ? 0 : 2;
+        });
+        EXPECT_EQ(child.exit_code(), 0) << (isDaemon ? "daemon" : "foreground");
+    }
+}
+
+TEST_F(ErrorMail, OfAMissingToolCostsOneLineAndTheHour) {
+    fs::remove(root.path("bin/chmail"));
+    Child child([&](Child &) {
+        start_or_die(root, {"prog"}, {.log = 1});
+        mail_at({WALL, 7}, "x\n");
+        mail_at({WALL, 3606}, "x\n");
+        const std::string longer(1002, 'r');  // with the name and 16: 1024
+        process_context.rootDir = longer.c_str();
+        mail_at({WALL, 3607}, "x\n");
+        process_context.rootDir = nullptr;
+        mail_at({WALL, 7207}, "x\n");
+        return waitpid(-1, nullptr, 0) == -1 && errno == ECHILD ? 0 : 1;
+    });
+    EXPECT_EQ(child.exit_code(), 0);
+    EXPECT_EQ(logged(), "Process_mailout: Can't stat " + root.path("bin/chmail") + "! No such file or directory\n" +
+                            NOT_AGAIN + "Process_mailout: Paths too long!\n");
+}
+
+TEST_F(ErrorMail, OfAToolThatCannotRunLeavesTheProcessAlone) {
+    fs::permissions(root.path("bin/chmail"), fs::perms(0644));
+    Child child([&](Child &) {
+        static FILE *file;
+        start_or_die(root, {"prog"}, {.log = 1});
+        file = fopen(root.path("buffered").c_str(), "w");
+        fputs("once", file);
+        process_context.exitHook = [](int) { fputs(" hook", file); };
+        atexit([] { fputs(" exit", file); });
+        mail_at({WALL, 5000}, "x\n");
+        int status = 0;
+        if (waitpid(-1, &status, 0) < 0 || WEXITSTATUS(status) != 1) return 9;
+        process_exit(0);
+        return 0;
+    });
+    EXPECT_EQ(child.exit_code(), 0);
+    EXPECT_EQ(root.read("buffered"), "once hook exit") << "the child flushed a stream or ran an exit function";
+    EXPECT_TRUE(
+        logged().starts_with("Process_mailout: Can't execl " + root.path("bin/chmail") + "! Permission denied\n"));
+}
+
+}  // namespace

@@ -1,0 +1,149 @@
+/* Allocation calls, the tokeniser, and the small text helpers. */
+#include <locale.h>
+#include <string.h>
+#include <optional>
+
+#include "process/owned.h"
+#include "tests/process/start.h"
+
+namespace {
+
+TEST(Allocation, GivesZeroedBlocksAndCopies) {
+    const OwnedBlock<unsigned char> zeros(process_malloc("label", 1000));
+    ASSERT_FALSE(zeros.is_null());
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(zeros.get()), 1000), std::string(1000, '\0'));
+    const OwnedBlock<char> copy(process_memdup("label", "ab\0cd", 5));
+    const OwnedBlock<char> blank(process_memdup("label", nullptr, 3));
+    EXPECT_EQ(std::string(copy.get(), 5), std::string("ab\0cd", 5));
+    EXPECT_EQ(std::string(blank.get(), 3), std::string(3, '\0'));
+}
+
+TEST(Allocation, OfNothingIsAnErrorUnderTheCallersName) {
+    Child child([](Child &) {
+        start({"prog", "-VELROOT", "/nowhere"});
+        int nulls = 0;
+        nulls += process_malloc("mine", 0) == nullptr;
+        nulls += process_malloc(nullptr, 0) == nullptr;
+        nulls += process_memdup("yours", "x", 0) == nullptr;
+        nulls += process_memdup(nullptr, nullptr, 0) == nullptr;
+        nulls += process_malloc("less", -1) == nullptr;
+        return nulls;
+    });
+    EXPECT_EQ(child.exit_code(), 5);
+    const std::string told = child.output();
+    EXPECT_TRUE(
+        told.starts_with("prog: mine: malloc 0 bytes is illegal.\n"
+                         "prog: process_malloc: malloc 0 bytes is illegal.\n"
+                         "prog: yours: malloc 0 bytes is illegal.\n"
+                         "prog: process_memdup: malloc 0 bytes is illegal.\n"))
+        << told;
+}
+
+TEST(Tokeniser, CutsAPrivateCopy) {
+    struct Step {
+        const char *delimiters;
+        std::optional<std::string> token;
+    };
+    struct Row {
+        const char *text;
+        std::vector<Step> steps;
+    };
+    const std::optional<std::string> none;
+    const Row rows[] = {
+        {"a,b", {{",", "a"}, {",", "b"}, {",", none}, {",", none}}},
+        {",,a,,b,", {{",", "a"}, {",", "b"}, {",", none}}},
+        {",;,", {{",;", none}, {",;", none}}},
+        {"", {{",", none}}},
+        {"one two;three", {{" ", "one"}, {";", "two"}, {";", "three"}, {";", none}}},
+        {" lead", {{nullptr, " lead"}, {" ", none}}},
+        {" lead", {{"", " lead"}, {" ", none}}},
+        {"a b", {{" ", "a"}, {"", "b"}, {nullptr, none}}},
+        {"a,,b", {{",", "a"}, {"", ",b"}, {",", none}}},
+        {"\xfc,\xe4", {{",", "\xfc"}, {",", "\xe4"}}},
+    };
+    for (const Row &row : rows) {
+        std::string text = row.text;
+        const char *given = text.c_str();
+        for (const Step &step : row.steps) {
+            const char *token = process_strtok(given, step.delimiters);
+            const auto got = token != nullptr ? std::optional<std::string>(token) : none;
+            EXPECT_EQ(got, step.token) << "in \"" << row.text << "\"";
+            given = nullptr;
+        }
+        EXPECT_EQ(text, row.text) << "the caller's text was changed";
+    }
+}
+
+TEST(Tokeniser, TokensStayUntilTheNextSeries) {
+    std::string text = "x y z";
+    const char *x = process_strtok(text.c_str(), " ");
+    const char *y = process_strtok(nullptr, " ");
+    text = "-----";
+    const char *z = process_strtok(nullptr, " ");
+    EXPECT_EQ(process_strtok(nullptr, " "), nullptr);
+    EXPECT_STREQ(x, "x");
+    EXPECT_STREQ(y, "y");
+    EXPECT_STREQ(z, "z");
+    EXPECT_STREQ(process_strtok("new series", " "), "new");
+}
+
+TEST(TextHelpers, CopyAndAppendWithinTheBuffer) {
+    struct Row {
+        std::string before, source, afterCopy, afterAppend;
+        int size, copied, appended;
+    };
+    const Row rows[] = {
+        {"ab", "cd", "cd", "abcd", 8, 2, 2},   {"ab", "cdef", "cdef", "abcd", 5, 4, 2},
+        {"ab", "cdef", "cde", "abc", 4, 3, 1}, {"ab", "cdef", "cd", "ab", 3, 2, 2},
+        {"abcdef", "x", "x", "abc", 4, 1, 6},  {"", "x", "", "", 1, 0, 0},
+        {"ab", "cd", "ab", "ab", 0, -1, -1},   {"ab", "", "", "ab", 8, 0, 0},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.before + " + " + row.source + " in " + std::to_string(row.size));
+        char buffer[16];
+        memset(buffer, '#', sizeof buffer);
+        memcpy(buffer, row.before.c_str(), row.before.size() + 1);
+        EXPECT_EQ(process_strlcpy(buffer, row.size, row.source.c_str()), row.copied);
+        EXPECT_EQ(buffer, row.afterCopy);
+        memcpy(buffer, row.before.c_str(), row.before.size() + 1);
+        EXPECT_EQ(process_strlcat(buffer, row.size, row.source.c_str()), row.appended);
+        EXPECT_EQ(buffer, row.afterAppend);
+        EXPECT_EQ(std::string(buffer + 8, 8), "########") << "written beyond the end";
+    }
+}
+
+TEST(TextHelpers, FindTheLastOccurrence) {
+    struct Row {
+        const char *text, *needle;
+        int at;  // -1: null
+    };
+    for (const Row &row :
+         {Row{"abcabc", "abc", 3}, Row{"aaaa", "aa", 2}, Row{"abc", "abcd", -1}, Row{"abc", "x", -1},
+          Row{"abc", "", 0}, Row{"abc", nullptr, 0}, Row{"", "a", -1}, Row{"", "", -1}, Row{nullptr, "a", -1},
+          Row{nullptr, nullptr, -1}, Row{"abc", "c", 2}, Row{"abc", "abc", 0}}) {
+        const char *expected = row.at < 0 ? nullptr : row.text + row.at;
+        EXPECT_EQ(process_strrstr(row.text, row.needle), expected)
+            << (row.text ? row.text : "null") << " " << (row.needle ? row.needle : "null");
+    }
+}
+
+TEST(TextHelpers, CharacterClassesKnowAsciiOnly) {
+    setlocale(LC_ALL, "C.UTF-8");
+    const std::string upper = "ABCDEFGHIJKLMNOPQRSTUVWXYZ", lower = "abcdefghijklmnopqrstuvwxyz";
+    const std::string digits = "0123456789", spaces = " \t\n\v\f\r";
+    const std::string letters = upper + lower, both = letters + digits;
+    for (int code = -128; code < 300; code++) {
+        const auto in = [code](const std::string &set) {
+            return code > 0 && code < 128 && set.find(static_cast<char>(code)) != std::string::npos;
+        };
+        SCOPED_TRACE(code);
+        EXPECT_EQ(process_isupper(code) != 0, in(upper));
+        EXPECT_EQ(process_islower(code) != 0, in(lower));
+        EXPECT_EQ(process_isdigit(code) != 0, in(digits));
+        EXPECT_EQ(process_isalpha(code) != 0, in(letters));
+        EXPECT_EQ(process_isalnum(code) != 0, in(both));
+        EXPECT_EQ(process_isspace(code) != 0, in(spaces));
+    }
+}
+
+}  // namespace

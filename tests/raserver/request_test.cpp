@@ -1,0 +1,183 @@
+/* Requests and replies as a client sees them, byte by byte, over the real server. The hook behind it is the gateway;
+ * what it answers matters here only as something to be repeated or to be too long. */
+#include <gtest/gtest.h>
+
+#include "tests/support/serverprocess.h"
+
+namespace {
+
+/** A type byte and what lies behind it. */
+std::string packet(int type, const std::string &rest = "") { return std::string(1, static_cast<char>(type)) + rest; }
+
+class Requests : public testing::Test {
+protected:
+    ServerProcess server;
+    TestClient anna{server.port()};
+    const Strings one_visit{"DB", "A", "USERS", "ID", "anna", "VISITS", "1"};
+
+    void SetUp() override {
+        server.sql(
+            "CREATE TABLE USERS (ID VARCHAR2(20) PRIMARY KEY, VISITS VARCHAR2(8), NOTE VARCHAR2(20));"
+            "INSERT INTO USERS VALUES ('anna', '0000000f', NULL)");
+    }
+    std::string visits() const { return server.value("SELECT VISITS FROM USERS"); }
+};
+
+TEST_F(Requests, AnswersARepeatedRequestFromTheSavedReply) {
+    const Reply first = anna.ask(7, one_visit);
+    EXPECT_EQ(first.strings, (Strings{"0", "00000010"}));
+    EXPECT_EQ(first.datagram, request_datagram(7, {"0", "00000010"}, 2));
+
+    server.sql("UPDATE USERS SET VISITS = '000000aa'");
+    EXPECT_EQ(anna.ask(7, one_visit).datagram, first.datagram) << "the saved reply counts, not the table";
+    EXPECT_EQ(visits(), "000000aa") << "the counter moved twice";
+    EXPECT_EQ(anna.ask(8, one_visit).strings, (Strings{"0", "000000ab"}));
+    EXPECT_EQ(anna.ask(7, one_visit).strings, (Strings{"0", "000000ac"})) << "only the last reply is kept";
+}
+
+TEST_F(Requests, KeepsASessionForEachPort) {
+    TestClient bert{server.port()};
+    anna.ask(7, one_visit);
+    EXPECT_EQ(bert.ask(7, one_visit).strings, (Strings{"0", "00000011"})) << "another port is another client";
+    EXPECT_EQ(anna.ask(7, one_visit).strings, (Strings{"0", "00000010"}));
+}
+
+TEST_F(Requests, KeepsASessionForEachAsynchronousRequest) {
+    const Reply first = anna.ask(7, one_visit, 4);
+    const Reply second = anna.ask(8, one_visit, 4);
+    EXPECT_EQ(first.type(), 62);
+    EXPECT_EQ(first.function(), 2);
+    EXPECT_EQ(second.strings, (Strings{"0", "00000011"}));
+    EXPECT_EQ(anna.ask(7, one_visit, 4).datagram, first.datagram) << "both stand open side by side";
+    EXPECT_EQ(anna.ask(8, one_visit, 4).datagram, second.datagram);
+    EXPECT_EQ(anna.ask(7, one_visit).type(), 61) << "the synchronous session is another one";
+    EXPECT_EQ(visits(), "00000012");
+
+    const Reply refused = anna.ask(9, {"what"}, 4);
+    EXPECT_TRUE(refused.refused());
+    EXPECT_EQ(refused.type(), 62);
+}
+
+TEST_F(Requests, DropsOtherFunctionBytesWithoutALine) {
+    const LogWatch log = server.watch();
+    for (const int function : {0, 2, 3, 5, 255}) {
+        EXPECT_TRUE(anna.stays_silent(request_datagram(1, one_visit, function))) << function;
+    }
+    EXPECT_EQ(visits(), "0000000f");
+    EXPECT_EQ(log.text(), "");
+}
+
+TEST_F(Requests, RefusesWhatGetsNoResult) {
+    for (const Strings &strings :
+         {Strings{}, {"x"}, {"DB"}, {"db", "G", "USERS", "ID", "anna", "VISITS"}, {"", "DB"}}) {
+        const Reply reply = anna.ask(1, strings);
+        EXPECT_TRUE(reply.refused()) << testing::PrintToString(strings) << testing::PrintToString(reply.strings);
+        EXPECT_EQ(reply.type(), 61);
+        anna.ask(2, one_visit);  // another sequence: the next round is no replay
+    }
+    EXPECT_EQ(anna.answer(packet(61, "\1")), request_datagram(0, {}, 3)) << "missing header fields read as zero";
+}
+
+TEST_F(Requests, TakesStringsAsTheyLie) {
+    std::string open_end = request_datagram(1, one_visit);
+    open_end.pop_back();
+    EXPECT_EQ(reply_strings(anna.answer(open_end)), (Strings{"0", "00000010"})) << "no zero byte behind the last";
+
+    const Strings gap{"DB", "G", "USERS", "ID", "anna", "VISITS", "", "VISITS"};
+    EXPECT_EQ(anna.ask(2, gap).strings, (Strings{"0", "00000010", ""})) << "an empty string is a string";
+}
+
+TEST_F(Requests, CutsARequestAtFifteenHundredStrings) {
+    Strings wide{"DB", "G", "USERS", "ID", "anna"};
+    wide.resize(1500, "VISITS");
+    const Strings whole = anna.ask(1, wide).strings;
+    EXPECT_EQ(whole.size(), 1496u);
+    EXPECT_EQ(whole.back(), "0000000f");
+    wide.resize(1510, "VISITS");
+    EXPECT_EQ(anna.ask(2, wide).strings, whole);
+}
+
+TEST_F(Requests, FitsAReplyOf31999BytesAndNoMore) {
+    std::string columns, values;
+    Strings request{"DB", "G", "WIDE", "ID", "1"};
+    for (int column = 1; column <= 8; ++column) {  // 2 bytes for "0", then 7 * 4001 and 3990 for the last
+        const std::string name = "C" + std::to_string(column);
+        columns += ", " + name + " TEXT";
+        values += ", substr(hex(zeroblob(2000)), 1, " + std::to_string(column == 8 ? 3989 : 4000) + ")";
+        request.push_back(name);
+    }
+    server.sql("CREATE TABLE WIDE (ID VARCHAR2(4) PRIMARY KEY" + columns + "); INSERT INTO WIDE VALUES (1" + values +
+               ")");
+    const Reply full = anna.ask(1, request);
+    EXPECT_EQ(full.datagram.size(), 7u + 31999u);
+    EXPECT_EQ(full.strings.size(), 9u);
+    EXPECT_EQ(full.strings.back(), std::string(3989, '0'));
+    EXPECT_EQ(anna.ask(1, request).datagram, full.datagram) << "and is kept whole for a replay";
+
+    server.sql("UPDATE WIDE SET C8 = C8 || '0'");
+    EXPECT_EQ(anna.ask(2, request).strings, (Strings{"1012"}));
+    const Strings page{"DB", "L", "WIDE", "ID", "", "10", "+", "", "C1", "C2", "C3", "C4", "C5", "C6", "C7", "C8"};
+    EXPECT_EQ(anna.ask(3, page).strings, (Strings{"1012"})) << "a page is lost whole";
+    EXPECT_EQ(anna.ask(4, one_visit).strings, (Strings{"0", "00000010"}));
+}
+
+TEST_F(Requests, AnswersAPingWithTheSameBytes) {
+    for (const std::string &body : {std::string(), std::string("\0\1payload", 9), std::string(30000, 'p')}) {
+        EXPECT_EQ(anna.answer(packet(151, body)), packet(152, body));
+    }
+    EXPECT_TRUE(anna.stays_silent(packet(152, "pong")));
+    EXPECT_TRUE(anna.stays_silent(packet(153, "ignored")));
+}
+
+TEST_F(Requests, RefusesUnknownTypesWithACopy) {
+    const LogWatch log = server.watch();
+    const std::string prefix = packet(164, std::string(16, 'k'));
+    const std::string unknown[] = {
+        packet(63, "hc"), packet(0, "zero"), packet(255), packet(200, std::string(2000, 'x')), prefix, packet(164)};
+    for (const std::string &datagram : unknown) {
+        EXPECT_EQ(anna.answer(datagram), "\x09\x01" + datagram.substr(0, 548));
+    }
+    EXPECT_EQ(anna.answer(""), "\x09\x01") << "no bytes: nothing to copy";
+    EXPECT_TRUE(anna.stays_silent("\x09\x05\x07"));
+
+    EXPECT_EQ(log.count("ra_reply: Illegal packet from 127.0.0.1:"), 6);
+    EXPECT_EQ(log.count(", code 63\n") + log.count(", code 255\n") + log.count(", code 164\n"), 4);
+    EXPECT_EQ(log.count("ra_reply: Packet of lenth 0 from 127.0.0.1:"), 1);
+    EXPECT_EQ(log.count(" Reason 5 Code 7\n"), 1);
+    server.wait_idle();
+    server.signal(SIGUSR1);
+    EXPECT_TRUE(log.wait_for(" Unknown             6\n"));
+    EXPECT_TRUE(log.saw(" Length 0 packets    1\n"));
+}
+
+TEST_F(Requests, CountsInTheStatusPrint) {
+    anna.ask(7, one_visit);
+    anna.ask(7, one_visit);
+    anna.ask(8, one_visit, 4);
+    const LogWatch log = server.watch();
+    server.wait_idle();
+    server.signal(SIGUSR1);
+    ASSERT_TRUE(log.wait_for(" Unknown             0\n"));
+    for (const char *line : {"Total sessions ever: 2\n", "Current sessions:    2\n", " UDP requests        2\n",
+                             " UDP replays         1\n"}) {
+        EXPECT_TRUE(log.saw(line)) << line << log.text();
+    }
+}
+
+TEST_F(Requests, TakeAnAccessKeyOff) {
+    const std::string prefix = packet(164, std::string("0123456789\0\1\2\3\4\5", 16));
+    EXPECT_EQ(reply_strings(anna.answer(prefix + request_datagram(1, one_visit))), (Strings{"0", "00000010"}));
+    EXPECT_EQ(anna.answer(prefix + packet(151)), packet(152)) << "one byte is enough behind it";
+}
+
+TEST(RequestsWithoutAKey, GetALineAndNoReply) {
+    ServerProcess server{{.checkKeys = true}};
+    TestClient stranger{server.port()};
+    const LogWatch log = server.watch();
+    EXPECT_TRUE(stranger.stays_silent(request_datagram(1, {"DB", "G", "T", "ID", "1", "A"})));
+    EXPECT_TRUE(stranger.stays_silent(request_datagram(2, {}, 4)));
+    EXPECT_EQ(log.count("RA.LOG raUdpRequest 1 without access key from 127.0.0.1:"), 1);
+    EXPECT_EQ(log.count("RA.LOG raUdpRequest 4 without access key from 127.0.0.1:"), 1);
+}
+
+}  // namespace

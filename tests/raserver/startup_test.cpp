@@ -1,0 +1,136 @@
+/* How the server starts, shows its state and ends: exit codes, the lines that operators and tools read, and options. */
+#include <gtest/gtest.h>
+#include <csignal>
+#include <cstdlib>
+
+#include "tests/support/serverprocess.h"
+
+namespace {
+
+const std::string PROGRAM = VELMORA_BIN_DIR "/raserver";
+const std::string NO_PORT =
+    "No port given for RA server!\n"
+    "Usage: PROGRAM -p port -tp tcpport -ta tcpaddress [ -TRACE -D ]\n"
+    "       where\n"
+    "        -p port: is the port the RA server should work with\n"
+    "        -tp tcpport: is the tcp port the RA server should work with\n"
+    "        -ta tcpaddr: is the tcp ip address the RA server should work with\n"
+    "        -TRACE: enables the trace flag\n"
+    "        -D: is for debugging\n";
+
+/** Fails unless the texts stand in the log in this order, each behind the one before. */
+void expect_in_order(const std::string &log, const Strings &texts) {
+    size_t at = 0;
+    for (const std::string &text : texts) {
+        const size_t found = log.find(text, at);
+        ASSERT_NE(found, std::string::npos) << "missing, or too early: " << text << "\n" << log;
+        at = found + text.size();
+    }
+}
+
+int occurrences(const std::string &text, const std::string &wanted) {
+    int count = 0;
+    for (size_t at = text.find(wanted); at != std::string::npos; at = text.find(wanted, at + wanted.size())) ++count;
+    return count;
+}
+
+TEST(Start, NeedsAPort) {
+    std::string usage = NO_PORT;
+    usage.replace(usage.find("PROGRAM"), 7, PROGRAM);
+    for (const Strings &options :
+         {Strings{}, {"-p"}, {"-p", "0"}, {"-pfoo"}, {"-p0"}, {"-tp4000"}, {"-tp", "4000"}}) {
+        Strings words{"raserver", "-D"};
+        words.insert(words.end(), options.begin(), options.end());
+        const ProgramEnd end = run_program(words);
+        EXPECT_EQ(end.code, 101) << testing::PrintToString(options);
+        EXPECT_EQ(end.errors, usage);
+    }
+}
+
+TEST(Start, ShowsItsVersionWhateverElseIsAsked) {
+    for (const Strings &words :
+         {Strings{"raserver", "-giveversion"}, {"raserver", "-p", "4000", "x", "-giveversion"}}) {
+        const ProgramEnd end = run_program(words);
+        EXPECT_EQ(end.code, 0);
+        EXPECT_EQ(end.output.rfind(PROGRAM + ": VERSION = 51010 DATE=", 0), 0u) << end.output;
+        EXPECT_NE(end.output.find(" TIME="), std::string::npos);
+    }
+    EXPECT_EQ(run_program({"raserver", "-giveversions", "-D"}).code, 101) << "the whole word counts";
+}
+
+TEST(Start, NeedsARootDirectory) {
+    unsetenv("VELROOT");
+    EXPECT_EQ(run_program({"raserver", "-D", "-p", std::to_string(free_port())}).code, 10);
+}
+
+TEST(Start, WritesItsLinesInOrder) {
+    ServerProcess server{{.joinedPort = true}};
+    const std::string port = std::to_string(server.port());
+    expect_in_order(server.log(), {" STARTED at ", " >>\n", " FILE      = " + PROGRAM + "\n", " VERSION   = 51010\n",
+                                   " COMPILED  = ", " UDPSOCKET = ", " bound to 127.0.0.1:" + port + "\n",
+                                   " PORT      = " + port + "\n", " RA.INIT rc: 0\n", " RA.EV raEventStartup argc ",
+                                   " RA.LOG ARGV[ 0 ] \"", " RA.EV opening Oracle connection\n",
+                                   " RA.EV Oracle connection established\n"});
+    EXPECT_EQ(server.root().read("status/" + server.name() + ".1").substr(0, 9),
+              (std::string(8, '0') + std::to_string(server.pid()) + " ").substr(std::to_string(server.pid()).size()));
+}
+
+TEST(Start, RefusesAPortInUse) {
+    ServerProcess server;
+    const Strings words{"raserver",           "-D",      "-p",       std::to_string(server.port()), "-VELROOT",
+                        server.root().path(), "-BINDIP", "127.0.0.1"};
+    const LogWatch log = server.watch();
+    EXPECT_EQ(run_program(words).code, 104);
+    EXPECT_TRUE(log.saw("ETEXT=Can't create server socket for port " + std::to_string(server.port()) + "!\n"));
+    EXPECT_TRUE(log.saw("ETEXT=Process going down with an error!; EXITCODE=104;\n"));
+    EXPECT_FALSE(TestClient(server.port()).ask({"DB", "G", "T", "ID", "1", "A"}).empty())
+        << "the first one serves on";
+}
+
+TEST(Start, GivesEachServerOfANameItsOwnSlot) {
+    ServerProcess first;
+    ServerProcess second{{.host = "127.0.0.2", .beside = &first}};
+    EXPECT_EQ(std::stoi(first.root().read("status/" + first.name() + ".1")), first.pid());
+    EXPECT_EQ(std::stoi(first.root().read("status/" + first.name() + ".2")), second.pid());
+
+    EXPECT_EQ(first.stop(), 0);
+    EXPECT_EQ(std::stoi(first.root().read("status/" + first.name() + ".1")), 0);
+    EXPECT_EQ(TestClient(second.port(), "127.0.0.2").answer("\x97"), "\x98");
+    first.start();
+    EXPECT_EQ(std::stoi(first.root().read("status/" + first.name() + ".1")), first.pid()) << "the free slot is taken";
+}
+
+TEST(Status, IsPrintedOnceForEachSignal) {
+    ServerProcess server;
+    const std::string port = std::to_string(server.port());
+    for (int round = 1; round <= 2; ++round) {
+        const LogWatch log = server.watch();
+        server.wait_idle();
+        server.signal(SIGUSR1);
+        ASSERT_TRUE(log.wait_for(" Unknown  ")) << log.text();
+        expect_in_order(
+            log.text(),
+            {" Caught signal USR1\n", "\nRA server status at ", "STARTED = ", "FILE    = " + server.name() + "\n",
+             "VERSION = 51010\n", "COMPILED= ", "PORT USED:           " + port + "\n", "Total sessions ever: 0\n",
+             "Current sessions:    0\n", "Packets received:\n", " Length 0 packets    0\n",
+             " UDP requests        0\n", " UDP replays         0\n", " Unknown             0\n"});
+    }
+    EXPECT_EQ(server.stop(), 0);
+    EXPECT_EQ(occurrences(server.log(), "\nRA server status at "), 2);
+}
+
+TEST(End, WritesItsLastLinesInOrder) {
+    for (const int number : {SIGTERM, SIGINT}) {
+        ServerProcess server;
+        const LogWatch log = server.watch();
+        server.signal(number);
+        EXPECT_EQ(server.stop(), 0);
+        expect_in_order(log.text(), {" >> Killed!\n", " GOING DOWN! exitcode 0 at ", " RA.EXIT rc: 0\n",
+                                     "\nRA server shutdown status\n", " RA.EV raEventShutdown exitcode 0\n",
+                                     " RA.EXIT socketclose ret: 0\n", " EXITING! exitcode 0 at "});
+        EXPECT_EQ(log.count("RA server shutdown status"), 1);
+        EXPECT_EQ(log.count("ETEXT="), 0) << "an orderly end is no error";
+    }
+}
+
+}  // namespace
