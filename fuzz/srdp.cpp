@@ -79,7 +79,7 @@ void Conversation::send(uint32_t owner, int type, const Bytes &body) const {
 void Conversation::forward(Bytes packet) {
     const Bytes before = packet;
     ivs::srdp_forward_at(now_, NO_SOCKET, now_.tv_sec, 1, packet.data(), size_of(packet), &peer_, sizeof peer_);
-    if (size_of(packet) < ivs::SRDP_HEAD) {
+    if (size_of(packet) < IVS_SRDP_HEAD) {
         FUZZ_REQUIRE(packet == before);
         return;
     }

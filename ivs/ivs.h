@@ -1,7 +1,9 @@
 /* The platform's message protocol: what its packets mean, and the calls that send them.
  *
  * A packet is one datagram; its first byte is its type (packet/typecodes.h). Identifier words, addresses and ports
- * stay in network order from end to end. A peer is a PacketAddress with its size, 16. */
+ * stay in network order from end to end. The top bit marks a session word (SID); a client word (CID) has it clear, and
+ * the next bit set if the client is of the extended form, which adds fields to some packets. PKT is the number of a
+ * request: copied into its answer as it stands. A peer is a PacketAddress with its size, 16. */
 #ifndef IVS_IVS_H
 #define IVS_IVS_H
 
@@ -25,6 +27,8 @@ enum { IVS_MAX_PACKET = 548 };
  *  their code. An index without a name has its own decimal number, padded with blanks ("33  "), so any byte of a
  *  packet can be looked up without a test. */
 extern const char *const ivs_packet_names[IVS_TYPE_COUNT];
+
+enum { IVS_LONGEST_INTEGER = 5 };
 
 /** Integers of variable length, 1 to 5 bytes, the shortest form that holds the value. The put calls return the bytes
  *  written, the get calls the bytes read. Nothing is checked: the caller sees to 5 bytes of room, or of packet. */
@@ -132,7 +136,8 @@ int ivs_srdp_packet_send(int socket, time_t now, uint32_t firstWord, uint32_t ow
                          int bodyLength, const void *address, int addressSize);
 
 /** The same for a whole SRDP packet, which gets an id of ours, written into it. Repeats leave through this `socket`,
- *  those of ivs_srdp_packet_send through that of the timer. Sent whole, but at most IVS_MAX_PACKET bytes of it again. */
+ *  those of ivs_srdp_packet_send through that of the timer. Sent whole, but at most IVS_MAX_PACKET bytes of it again;
+ *  without a whole head, as it is and once. */
 int ivs_srdp_packet_forward(int socket, time_t now, uint32_t owner, void *packet, int length, const void *address,
                             int addressSize);
 
@@ -215,7 +220,8 @@ void *iv_decompress(IV_COMPRESSION_S *table, const void *source, int length, voi
  * beyond that. Identifier words, addresses and ports are given in network order, numbers, versions and heights in host
  * order. A session word `sid` of 0 is left out where a packet may do without. Where a length goes with a counted text,
  * its low byte counts; a null text is an empty one. A pending key is shown in front of a packet by ivs_snd_cofa,
- * ivs_snd_setx and ivs_snd_typed; within the limit, except for a refusal. All return what ivs_sendto returns. */
+ * ivs_snd_setx and ivs_snd_typed; within the limit, except for a refusal. Of `d`, `n`, `u`, `sb` and `at` this library
+ * knows the place alone. All return what ivs_sendto returns. */
 
 /** Asks for an identity: in the long form with a session, else in the short one, `number` and `text1`. */
 int ivs_snd_geti(int socket, uint32_t number, uint32_t sid, uint16_t pkt, int attribute, uint32_t word, int length1,
@@ -269,6 +275,7 @@ int ivs_snd_nupd(int socket, uint32_t sid, uint32_t cid, int version, const int3
 int ivs_snd_redi(int socket, int reliable, uint32_t sid, uint32_t cid, uint16_t pkt, int code, uint32_t ip,
                  uint16_t port, const void *address, int addressSize);
 
+/** Text of a client; a notice; the end of a session. */
 int ivs_snd_text(int socket, uint32_t cid, const char *text, int length, const void *address, int addressSize);
 int ivs_snd_noti(int socket, uint32_t sid, uint32_t cid, const void *address, int addressSize);
 int ivs_snd_soff(int socket, uint32_t sid, uint32_t cid, uint16_t pkt, const void *address, int addressSize);
@@ -406,7 +413,8 @@ char *ivs_url_id(const char *url);
 /** Counts how often keys are in use: 32-bit counts by key. Null until the first use. */
 extern struct PAA_S *ivs_key_table;
 
-/** Counts one use. Returns the table's own copy of the key, good until its last use ends; null without memory. */
+/** Counts one use. Returns the table's own copy of the key, good until its last use ends; null without memory,
+ *  or for a key without bytes. */
 void *ivs_key_ref(const void *key, int keyLength);
 
 /** Ends one use. The last one removes the key. */

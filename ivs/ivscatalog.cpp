@@ -63,7 +63,7 @@ const char *ivs::refusal_name(int reason) {
  * zero; it is never written. */
 namespace {
 
-constexpr int LONG_FORM = 5;
+constexpr int LONG_FORM = IVS_LONGEST_INTEGER;
 constexpr uint8_t LONG_FORM_MARK = 0xf0;
 
 constexpr uint32_t sign_bit(int bytes) { return uint32_t{1} << (7 * bytes - 1); }

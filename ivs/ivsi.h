@@ -14,6 +14,10 @@
 
 namespace ivs {
 
+/** In an identifier word, host order: the mark of a session word, and that of a client word of the extended form. */
+constexpr uint32_t SESSION_BIT = 0x80000000;
+constexpr uint32_t EXTENDED_CLIENT_BIT = 0x40000000;
+
 /* ivscatalog.cpp */
 
 /** Name of a refusal reason, four letters and a blank ("UNCO "); null if the reason has none. */

@@ -28,7 +28,7 @@ struct MeasuredType {
     int text_offset;
 };
 constexpr MeasuredType measured_types[] = {
-    {IVS_TYPE_SRDP, 4}, {IVS_TYPE_GTXT, 0}, {IVS_TYPE_SETA, 0}, {IVS_TYPE_GHIS, 0}, {IVS_TYPE_GWIS, 0},
+    {IVS_TYPE_SRDP, IVS_SRDP_HEAD}, {IVS_TYPE_GTXT, 0}, {IVS_TYPE_SETA, 0}, {IVS_TYPE_GHIS, 0}, {IVS_TYPE_GWIS, 0},
 };
 
 namespace say {

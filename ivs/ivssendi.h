@@ -7,14 +7,13 @@
 
 #include <algorithm>
 
-#include "ivs/ivs.h"
+#include "ivs/ivsi.h"
 #include "packet/bytereader.h"
 
 namespace ivs {
 
 constexpr int FIRST_VERSION_WITH_VS = 109;  // of the protocol: positions in integers of variable length
 constexpr int FIRST_VERSION_WITH_SB = 116;
-constexpr uint32_t EXTENDED_CLIENT_BIT = 0x40000000;
 
 /** Whether a client word, network order, marks a client of the extended form. */
 inline bool is_extended_client(uint32_t cid) { return (ntohl(cid) & EXTENDED_CLIENT_BIT) != 0; }
@@ -49,11 +48,11 @@ public:
 
     /** The two integers of variable length. */
     OutgoingPacket &vs(int32_t value) {
-        unsigned char coded[LONGEST_INTEGER];
+        unsigned char coded[IVS_LONGEST_INTEGER];
         return bytes(coded, ivs_put_int(value, coded));
     }
     OutgoingPacket &vu(uint32_t value) {
-        unsigned char coded[LONGEST_INTEGER];
+        unsigned char coded[IVS_LONGEST_INTEGER];
         return bytes(coded, ivs_put_uint(value, coded));
     }
 
@@ -103,7 +102,6 @@ public:
     }
 
 private:
-    static constexpr int LONGEST_INTEGER = 5;
     static constexpr int BODY_AT = 5;  // behind type and first word
 
     unsigned char buffer_[LARGEST];  // not cleared: only what is written goes out

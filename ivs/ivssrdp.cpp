@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <utility>
 
 #include "ivs/ivssrdpi.h"
 #include "packet/bytereader.h"
@@ -39,9 +40,9 @@ constexpr int RUN_SIZE = 64;
 constexpr int64_t SECOND = 1000000;  // in microseconds
 
 constexpr int WORD_SIZE = 4;
-constexpr int MAX_BODY = IVS_MAX_PACKET - SRDP_HEAD - 1 - WORD_SIZE;
-constexpr int TYPE_OFFSET = 4;      // of the type inside
-constexpr int SUBTYPE_OFFSET = 11;  // of the attribute inside, behind type, word and PKT
+constexpr int MAX_BODY = int{IVS_MAX_PACKET} - IVS_SRDP_HEAD - 1 - WORD_SIZE;
+constexpr int TYPE_OFFSET = IVS_SRDP_HEAD;
+constexpr int SUBTYPE_OFFSET = IVS_SRDP_HEAD + 7;  // behind type, word and PKT
 
 constexpr uint16_t UNSEEDED = 65535;
 constexpr uint16_t ID_MASK = 0x7fff;
@@ -66,7 +67,7 @@ Bucket &bucket_of(const IVS_SRDP_PACKET_S *record) { return buckets[record->slot
 
 // ---- Runs -------------------------------------------------------------------------------------------------------
 
-int64_t microseconds(time_t seconds, int64_t microseconds) { return seconds * SECOND + microseconds; }
+int64_t microseconds(time_t seconds, int64_t more) { return seconds * SECOND + more; }
 
 int64_t next_send_of(const IVS_SRDP_PACKET_S *record) { return microseconds(record->nextSec, record->nextUsec); }
 
@@ -177,7 +178,7 @@ uint16_t take_id(const struct timeval &clock, const void *address) {
     return last_id;
 }
 
-/** Whatever becomes of the record, the packet goes out. */
+/** Whatever becomes of the record, the packet goes out; without one, once only. */
 int send(const struct timeval &clock, time_t now, const Sending &sending) {
     srdp_count_at(clock.tv_sec);
     const uint16_t id = take_id(clock, sending.address);
@@ -193,8 +194,10 @@ int send(const struct timeval &clock, time_t now, const Sending &sending) {
 
 // ---- Timer ------------------------------------------------------------------------------------------------------
 
+/** Counts the record out, its repeats as well; what is left of it is memory. */
 void give_up(IVS_SRDP_PACKET_S *record) {
     srdp_count(SRDP_TIM);
+    srdp_count_removed(std::exchange(record->resends, 0));
     srdp_one_less_pending();
     leave_run(record);
     Bucket &bucket = bucket_of(record);
@@ -281,7 +284,7 @@ int srdp_send_at(const struct timeval &clock, int socket, time_t now, uint32_t f
 
 int srdp_forward_at(const struct timeval &clock, int socket, time_t now, uint32_t owner, void *packet, int length,
                     const void *address, int addressSize) {
-    if (length < SRDP_HEAD) return ivs_sendto(socket, packet, length, address, addressSize);  // no room for an id
+    if (length < IVS_SRDP_HEAD) return ivs_sendto(socket, packet, length, address, addressSize);  // no room for an id
     auto *const bytes = static_cast<unsigned char *>(packet);
     return send(clock, now, {forward_label, socket, socket, owner, bytes, length, address, addressSize});
 }

@@ -15,7 +15,6 @@
 
 namespace ivs {
 
-constexpr int SRDP_HEAD = 4;       // type, id, flags: the packet inside follows
 constexpr int SRDP_ID_OFFSET = 1;  // of the id, in SRDP as in SACK
 constexpr time_t SRDP_LIFETIME = 64;
 constexpr int SRDP_FIRST_INTERVAL = 4;

@@ -15,14 +15,12 @@ namespace {
 
 using Packet = TracedPacket;
 
-constexpr uint32_t SESSION_BIT = 0x80000000;
-constexpr uint32_t EXTENDED_BIT = 0x40000000;
 constexpr int WORD = 4;
 
 /** A packet type's attribute, as in the packet. */
 constexpr uint8_t attribute_code(int index) { return static_cast<uint8_t>(index - IVS_TYPE_ATTRIBUTES); }
 
-bool is_extended(const Packet &packet) { return (packet.cid & EXTENDED_BIT) != 0; }
+bool is_extended(const Packet &packet) { return (packet.cid & EXTENDED_CLIENT_BIT) != 0; }
 
 /* ---- Numbers and words, with their label ---------------------------------------------------------------------- */
 
@@ -256,11 +254,9 @@ void session_answered_value(Packet &packet, const char *) {
 
 /* ---- Position ---------------------------------------------------------------------------------------------------- */
 
-constexpr int LONGEST_INTEGER = 5;
-
 /** Reads an integer of variable length. False, and nothing is left, if the packet ends within it. */
 bool read_integer(ByteReader &reader, int32_t *value) {
-    unsigned char coded[LONGEST_INTEGER] = {};
+    unsigned char coded[IVS_LONGEST_INTEGER] = {};
     ByteReader ahead = reader;
     for (unsigned char &each : coded) each = ahead.u8();
 
@@ -272,7 +268,7 @@ bool read_integer(ByteReader &reader, int32_t *value) {
 
 void position(Packet &packet) {
     const char *label = "P: ";
-    for (int axis = 0; axis < 3 && packet.bytes.left() > LONGEST_INTEGER; ++axis, label = "") {
+    for (int axis = 0; axis < 3 && packet.bytes.left() > IVS_LONGEST_INTEGER; ++axis, label = "") {
         int32_t value = 0;
         if (!read_integer(packet.bytes, &value)) return;
         packet.line.print("%s%d ", label, value);
@@ -375,7 +371,7 @@ constexpr TraceRow rows[] = {
     {IVS_TYPE_REDI, {{client_of_long_form}, {byte, "Code "}, {address}}},
     {IVS_TYPE_TEXT, {CID, {line_text}}},
     {IVS_TYPE_NOTI, {{client_block}}},
-    {IVS_TYPE_SRDP, {{hex16, "SRD: "}, {flags}}, 4, ADDS_LINE_END},
+    {IVS_TYPE_SRDP, {{hex16, "SRD: "}, {flags}}, IVS_SRDP_HEAD, ADDS_LINE_END},
     {IVS_TYPE_SACK, {{raw_hex16, "SRD: "}}},
     {IVS_TYPE_SOFF, {{whole_words_of_session_end}}},
     {IVS_TYPE_GGRP,

@@ -18,7 +18,6 @@ constexpr uint32_t GIGABYTE = 0x3fffffff;  // one byte less than the usual one, 
 constexpr int LONGEST_WINDOW = 60;
 constexpr int RING_SLOTS = LONGEST_WINDOW + 1;  // 60 whole seconds stay readable while the current one fills
 
-constexpr int SRDP_HEAD = 4;
 constexpr int ATTRIBUTE_OFFSET = 5;   // of the attribute code in GETX and SETX
 constexpr int FIELD_CODE_OFFSET = 7;  // of the same in GETA to TACK
 
@@ -134,7 +133,7 @@ int packet_stat_type(const unsigned char *packet, int length) {
     while (packet != nullptr && length > 0) {
         const int type = *packet;
         if (type == IVS_TYPE_SRDP) {
-            step(SRDP_HEAD);
+            step(IVS_SRDP_HEAD);
         } else if (type == IVS_TYPE_ACCK) {
             step(IVS_KEY_PREFIX);
         } else if (type == IVS_TYPE_SETX) {

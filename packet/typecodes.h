@@ -50,4 +50,7 @@ enum { IVS_TYPE_ATTRIBUTES = 256, IVS_TYPE_UNKNOWN = 512, IVS_TYPE_COUNT = 513 }
 /** In front of a packet sent under an access key stand the byte IVS_TYPE_ACCK and the key. */
 enum { IVS_KEY_SIZE = 16, IVS_KEY_PREFIX = 1 + IVS_KEY_SIZE };
 
+/** In front of a packet sent reliably stand the byte IVS_TYPE_SRDP, an id and flags. */
+enum { IVS_SRDP_HEAD = 4 };
+
 #endif

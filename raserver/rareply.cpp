@@ -20,8 +20,6 @@
 
 namespace {
 
-constexpr int SRDP_HEAD = 4;  // in front of the packet in a reliable datagram
-
 struct Datagram {
     unsigned char *bytes;
     int length;
@@ -124,8 +122,8 @@ bool unwrap_reliable(RA_SERVER_S &server, Datagram &datagram) {
                         datagram.address_size) == 0) {
         return false;
     }
-    datagram.bytes += SRDP_HEAD;
-    datagram.length -= SRDP_HEAD;
+    datagram.bytes += IVS_SRDP_HEAD;
+    datagram.length -= IVS_SRDP_HEAD;
     if (datagram.length > 0) return true;
     datagram.length = 0;
     refuse_empty_inside(server, datagram);

@@ -101,33 +101,25 @@ protected:
 };
 
 TEST_F(Services, GlobalSettingsComeFromSeveralFiles) {
-    EXPECT_NE(told([] {
-                  EXPECT_EQ(ivs_globalcfg_value("a"), nullptr);
-              }).find("ivs_globalcfg_value: called but global config file not opened!\n"),
-              std::string::npos);
-    root.write("gsbin/gathering/config/global.cfg", "a 1\na 2\n");
+    const auto lines = told([] { EXPECT_EQ(ivs_globalcfg_value("a"), nullptr); });
+    EXPECT_NE(lines.find("ivs_globalcfg_value: called but global config file not opened!\n"), std::string::npos);
+    const std::string usual = "gsbin/gathering/config/global.cfg";
+    root.write(usual, "a 1\na 2\n");
     root.write("more.cfg", "b 3\n");
-    for (const auto &[name, path] :
-         {std::pair<const char *, std::string>{nullptr, root.path("gsbin/gathering/config/global.cfg")},
-          {"more.cfg", root.path("more.cfg")}}) {
-        EXPECT_EQ(told([&] { EXPECT_EQ(ivs_globalcfg_open(name), 0); }),
-                  "test: Gathering config file " + path + "\n");
+    struct Row {
+        const char *name;
+        std::string path;
+        int result;
+    };
+    for (const Row &row : {Row{nullptr, root.path(usual), 0}, Row{"more.cfg", root.path("more.cfg"), 0},
+                           Row{"/none.cfg", "/none.cfg", -2}, Row{"\\none.cfg", "\\none.cfg", -2},
+                           Row{"c:/x", "c:/x", -2}, Row{"c:\\x", "c:\\x", -2}, Row{"c:/", root.path("c:/"), -2}}) {
+        const std::string told_of = told([&] { EXPECT_EQ(ivs_globalcfg_open(row.name), row.result); });
+        EXPECT_EQ(told_of.rfind("test: Gathering config file " + row.path + "\n", 0), 0U) << told_of;
     }
-    EXPECT_STREQ(ivs_globalcfg_value("a"), "1");
+    EXPECT_STREQ(ivs_globalcfg_value("a"), "1") << "a failure leaves what there is";
     EXPECT_STREQ(ivs_globalcfg_value("b"), "3");
     EXPECT_EQ(ivs_globalcfg_value("c"), nullptr);
-    for (const std::string name : {"/none.cfg", "\\none.cfg", "c:/none.cfg", "c:\\x"}) {
-        EXPECT_EQ(told([&] {
-                      EXPECT_EQ(ivs_globalcfg_open(name.c_str()), -2);
-                  }).rfind("test: Gathering config file " + name + "\n", 0),
-                  0U);
-    }
-    EXPECT_EQ(told([&] {
-                  EXPECT_EQ(ivs_globalcfg_open("c:/"), -2);
-              }).rfind("test: Gathering config file " + root.path("c:/") + "\n", 0),
-              0U)
-        << "too short for a drive";
-    EXPECT_STREQ(ivs_globalcfg_value("a"), "1") << "a failure leaves what there is";
 }
 
 TEST_F(Services, UrlNamesAnIdDirectlyOrByPlace) {

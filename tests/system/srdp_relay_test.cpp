@@ -187,7 +187,7 @@ TEST_F(BadLine, EveryPacketOfWhichACopyGetsThroughIsHandedUpOnce) {
                 const auto length = static_cast<int>(packet.size());
                 if (ivs_srdp_packet(socket, now.tv_sec, packet.data(), length, &from, sizeof from) == 0) return;
                 uint32_t number = 0;
-                memcpy(&number, packet.data() + ivs::SRDP_HEAD + 1, sizeof number);
+                memcpy(&number, packet.data() + IVS_SRDP_HEAD + 1, sizeof number);
                 handed_up[number]++;
             });
             ivs_srdp_packet_handle(socket, &now);
