@@ -7,9 +7,7 @@
 #include "packet/stati.h"
 #include "tests/packet/sockets.h"
 
-namespace {
 time_t given_time = 0;  // 0: the system's
-}
 
 /** Stands in front of the system's own, so that a report is about a given time. */
 extern "C" time_t time(time_t *target) noexcept {
@@ -127,22 +125,15 @@ TEST_F(Services, UrlNamesAnIdDirectlyOrByPlace) {
     EXPECT_EQ(id("x?plc=oslo"), "none") << "without settings";
     root.write("more.cfg", "g_osloID 4711\n");
     told([] { ivs_globalcfg_open("more.cfg"); });
-    for (const auto &[url, expected] : {std::pair<std::string, std::string>{"/a?ID=17&b=1", "17"},
-                                        {"/a?b=1&ID=17", "17"},
-                                        {"ID=17", "17"},
-                                        {"/a?xID=1&ID=2?ID=3", "3"},
-                                        {"/a?xID=1", "1"},
-                                        {"/a", "none"},
-                                        {"", "none"},
-                                        {"?ID=" + long_id, long_id},
-                                        {"?ID=" + too_long + "&plc=oslo", "none"},
-                                        {"/a?ID=&plc=oslo", "4711"},
-                                        {"/a?ID=&ID=5", "none"},
-                                        {"/a?plc=oslo&ID=", "4711"},
-                                        {"/a?plc=&plc=oslo", "none"},
-                                        {"/a?plc=bern", "none"},
-                                        {"?plc=" + too_long, "none"},
-                                        {"?plc=" + long_id, "none"}}) {
+    struct Row {
+        std::string url, expected;
+    };
+    for (const auto &[url, expected] :
+         {Row{"/a?ID=17&b=1", "17"}, Row{"/a?b=1&ID=17", "17"}, Row{"ID=17", "17"}, Row{"/a?xID=1&ID=2?ID=3", "3"},
+          Row{"/a?xID=1", "1"}, Row{"/a", "none"}, Row{"", "none"}, Row{"?ID=" + long_id, long_id},
+          Row{"?ID=" + too_long + "&plc=oslo", "none"}, Row{"/a?ID=&plc=oslo", "4711"}, Row{"/a?ID=&ID=5", "none"},
+          Row{"/a?plc=oslo&ID=", "4711"}, Row{"/a?plc=&plc=oslo", "none"}, Row{"/a?plc=bern", "none"},
+          Row{"?plc=" + too_long, "none"}, Row{"?plc=" + long_id, "none"}}) {
         EXPECT_EQ(id(url), expected) << url;
     }
 }
