@@ -1,20 +1,18 @@
-/* What a server of the platform does besides its own work: it finds its own address, obeys its administrator, and runs
- * a loop over its socket. The RA server brings a loop of its own, since it waits for more than one socket. */
+/* What a server of the platform does besides its own work: it finds its own address, obeys its administrator, and
+ * runs a loop over its socket. The loop itself is in runloop.cpp. */
 #include "ivs/ivs.h"
 
 #include <errno.h>
 #include <netdb.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/select.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <utility>
 
 #include "ivs/ivssrdpi.h"
+#include "ivs/runloop.h"
 #include "packet/bytereader.h"
-#include "process/loopclock.h"
 #include "process/owned.h"
 #include "process/velproc.h"
 
@@ -204,145 +202,33 @@ void ivs_admin_packet(int socket, volatile int *rereadFlag, const void *packet, 
 
 namespace {
 
-constexpr char label[] = "ivsrun";
-constexpr int READ_BURST = 1024;           // packets that may go before the tick once the loop has fallen behind
-constexpr int64_t FAILURE_PAUSE = 100000;  // microseconds
-constexpr uint32_t STIRRED_TURNS = 31;     // one turn in 32
+constexpr uint32_t STIRRED_TURNS = 31;  // one turn in 32
 
-unsigned char receive_buffer[PACKET_MAX_DATAGRAM + 1 + PACKET_ZERO_TAIL];
+RunLoopBuffer receive_buffer;
 
-struct LoopCalls {
-    void *context;
-    int socket;
-    const timeval *interval;
-    void (*periodic)(void *context, struct timeval *now);
-    void (*packet)(void *context, struct timeval *now, unsigned char *packet, int length, void *address,
-                   int addressSize);
-    void (*idle)(void *context, struct timeval *now, void *idleArg);
-    void *idle_arg;
-    void (*hourly)(void *context, struct timeval *now);
-};
-
-class Loop {
+/** Waits in the read, idles by a function, and stirs the generator now and then. */
+class IvsLoop : public RunLoop {
 public:
-    explicit Loop(const LoopCalls &calls) : calls_(calls) {}
-    void run();
+    IvsLoop(const RunLoopCalls &calls, void *context, void (*idle)(void *, struct timeval *, void *), void *idle_arg)
+        : RunLoop(calls, receive_buffer), context_(context), idle_(idle), idle_arg_(idle_arg) {}
 
 private:
-    void turn();
-    void read_clock();
-    void stir_generator();
-    void call_hourly_when_due();
-    bool find_wait(int64_t *wait);
-    void tick();
-    void read_packet(timeval wait);
-    void hand_over(int length, PacketAddress *peer, int peer_size);
-    void after_failed_read(int rc, int error);
-    void pause_after_failure() const;
+    void begin_turn() override {
+        const uint32_t word = ivs::srdp_draw_word();
+        if ((word & STIRRED_TURNS) != 0) return;
+        const auto seconds = static_cast<uint32_t>(now()->tv_sec),
+                   microseconds = static_cast<uint32_t>(now()->tv_usec);
+        srand(ivs::srdp_draw_word() ^ seconds ^ microseconds);
+    }
+    void interrupted() override {
+        if (idle_ != nullptr) idle_(context_, now(), idle_arg_);
+    }
+    void clock_was_set(time_t seconds) override { ivs_srdp_clock_was_set(seconds); }
 
-    const LoopCalls calls_;
-    LoopClock clock_;
-    int64_t next_tick_ = 0;
-    int burst_ = 0;  // packets still to be read without a look at the clock
-    int last_hour_ = -1;
+    void *context_;
+    void (*idle_)(void *context, struct timeval *now, void *idleArg);
+    void *idle_arg_;
 };
-
-void Loop::run() {
-    process_set_user();  // the sockets are bound: rights can go
-    read_clock();
-    tick();
-    while (process_context.running) turn();
-}
-
-void Loop::turn() {
-    read_clock();
-    stir_generator();
-    call_hourly_when_due();
-    int64_t wait = 0;
-    if (find_wait(&wait)) read_packet(LoopClock::in_time(wait));
-}
-
-void Loop::read_clock() {
-    const time_t moved = clock_.read();
-    if (moved != 0) ivs_srdp_clock_was_set(moved);  // our own waits go by the monotonic clock
-}
-
-void Loop::stir_generator() {
-    const uint32_t word = ivs::srdp_draw_word();
-    if ((word & STIRRED_TURNS) != 0) return;
-    const timeval &now = *clock_.now();
-    srand(ivs::srdp_draw_word() ^ static_cast<uint32_t>(now.tv_sec) ^ static_cast<uint32_t>(now.tv_usec));
-}
-
-void Loop::call_hourly_when_due() {
-    if (calls_.hourly == nullptr) return;
-    struct tm local {};
-    localtime_r(&clock_.now()->tv_sec, &local);
-    if (local.tm_hour == last_hour_) return;
-    last_hour_ = local.tm_hour;
-    calls_.hourly(calls_.context, clock_.now());
-}
-
-/** Runs the tick when it is due, and finds how long to wait then. Returns false if the process is to stop. */
-bool Loop::find_wait(int64_t *wait) {
-    if (burst_ > 0) return true;
-    if (clock_.ticks() >= next_tick_) {
-        tick();
-        if (!process_context.running) return false;
-        read_clock();
-    }
-    *wait = std::max<int64_t>(next_tick_ - clock_.ticks(), 0);
-    if (*wait == 0) burst_ = READ_BURST;  // the tick took longer than a tick: what has piled up meanwhile goes first
-    return true;
-}
-
-/** The next tick counts from the begin of this one, however long it takes. */
-void Loop::tick() {
-    next_tick_ = clock_.ticks() + LoopClock::in_ticks(*calls_.interval);
-    if (calls_.periodic != nullptr) calls_.periodic(calls_.context, clock_.now());
-}
-
-void Loop::read_packet(timeval wait) {
-    PacketAddress peer;
-    int peer_size = sizeof peer;
-    const int length = packet_read(calls_.socket, receive_buffer, PACKET_MAX_DATAGRAM, &peer, &peer_size, &wait);
-    const int error = errno;
-    if (length < 0) return after_failed_read(length, error);
-
-    if (burst_ > 0) --burst_;
-    read_clock();
-    if (calls_.packet != nullptr) hand_over(length, &peer, peer_size);
-}
-
-void Loop::hand_over(int length, PacketAddress *peer, int peer_size) {
-    memset(receive_buffer + length, 0, 1 + PACKET_ZERO_TAIL);
-    const bool has_prefix = receive_buffer[0] == IVS_TYPE_ACCK && length > IVS_KEY_PREFIX;
-    const int skipped = has_prefix ? IVS_KEY_PREFIX : 0;
-    calls_.packet(calls_.context, clock_.now(), receive_buffer + skipped, length - skipped, peer, peer_size);
-}
-
-void Loop::after_failed_read(int rc, int error) {
-    if (rc == PACKETERRTIMEOUT) {
-        burst_ = 0;
-    } else if (rc == PACKETERRINTR) {
-        if (!process_context.running || calls_.idle == nullptr) return;
-        read_clock();
-        calls_.idle(calls_.context, clock_.now(), calls_.idle_arg);
-    } else if (error == ECONNREFUSED) {
-        if (process_context.trace)
-            process_trace("%s: packet_read failed! rc %d, msg %s\n", label, rc, strerror(error));
-    } else {
-        process_error("%s: packet_read failed! rc %d, errmsg %s\n", label, rc, strerror(error));
-        pause_after_failure();
-    }
-}
-
-/** Lets a moment pass, up to the next tick: a broken socket fails again at once, and the wait for it must be no busy
- *  loop that fills the log. */
-void Loop::pause_after_failure() const {
-    timeval wait = LoopClock::in_time(std::clamp<int64_t>(next_tick_ - clock_.ticks(), 0, FAILURE_PAUSE));
-    select(0, nullptr, nullptr, nullptr, &wait);
-}
 
 }  // namespace
 
@@ -351,5 +237,5 @@ void ivsrun(void *context, int socket, struct timeval *interval, void (*periodic
                              int addressSize),
             void (*onIdle)(void *context, struct timeval *now, void *idleArg), void *idleArg,
             void (*hourly)(void *context, struct timeval *now)) {
-    Loop({context, socket, interval, periodic, onPacket, onIdle, idleArg, hourly}).run();
+    IvsLoop({"ivsrun", context, socket, interval, periodic, onPacket, hourly}, context, onIdle, idleArg).run();
 }
