@@ -145,8 +145,7 @@ int admit(const char *label, const void *address, void *packet, int length) {
 int packet_clearSocketError(int socket, const char *label) {
     const int pending = take_pending_error(socket);
     if (pending == QUERY_FAILED) {
-        const bool peer_is_gone = errno == EPIPE || errno == ESHUTDOWN || errno == ECONNRESET;
-        if (!peer_is_gone) say::query_failed(label);
+        if (!packet_peer_is_gone(errno)) say::query_failed(label);
         return 0;
     }
     if (pending == 0) return 0;

@@ -1,7 +1,8 @@
-/* Sockets and datagrams: everything between the platform's messages and the network.
+/* Sockets, datagrams and streams: everything between the platform's messages and the network.
  *
- * All sockets are IPv4 datagram sockets. A failure is one of the PACKETERR... codes, and is in the log by the time
- * the caller sees it. Nothing here closes a socket that it was handed, repeats a failed call, or ends the process.
+ * All sockets are IPv4 and close-on-exec. A failure is one of the PACKETERR... codes, and is in the log by the time
+ * the caller sees it. Nothing here closes a socket that it was handed (but packet_closeSocket, whose work it is),
+ * repeats a failed call, or ends the process.
  *
  * Mind the byte orders, they are part of the interface: a port given as a plain number is in host order unless its
  * line says otherwise; an address is in network order unless its line says host order. For one thread. */
@@ -174,6 +175,76 @@ int packet_sendto(int socket, const void *buffer, int length, const void *addres
 
 /** The same to an address and a port both in HOST order. */
 int packet_sendto_ip(int socket, const void *buffer, int length, uint32_t ip, uint16_t port);
+
+/* ---- TCP ------------------------------------------------------------------------------------------------------ */
+
+/** Makes a listening TCP socket, close-on-exec. It blocks until packet_setNonBlocking says otherwise. packet_bound_ip
+ *  is left alone.
+ *
+ *  @param ip     address to bind to, network order; 0 for any
+ *  @param port   host order; 0 for any free one
+ *  @param reuse  non-zero: a port that old connections still linger on may be taken
+ *  @return the descriptor, the caller's to close; or, already in the log and with errno left as it was,
+ *          PACKETERRSOCKET (none to be had, or none that select can hold), PACKETERRBIND, PACKETERRLISTEN
+ */
+int packet_srv_tcp_socket(uint32_t ip, uint16_t port, int reuse);
+
+int packet_srv_listen_ip(uint32_t ip, uint16_t port); /* this address (network order), no reuse */
+int packet_srv_listen(uint16_t port);                 /* any address, no reuse */
+
+/** Accepts one connection. Its descriptor is close-on-exec, and blocks whatever the listening one does.
+ *
+ *  @param ip, port  receive the peer's address and port, both in HOST order; either may be null
+ *  @param ipText    receives its dotted quad, in the static buffer of packet_ip2str; may be null
+ *  @return the descriptor, the caller's to close; or
+ *          PACKETERRINTR        a signal came, the peer gave up meanwhile, or there was no descriptor for it, or none
+ *                               that select can hold: the connection was then taken and dropped. The last two are in
+ *                               the log, at most once a second
+ *          PACKETERRWOULDBLOCK  nobody waits; not in the log
+ *          PACKETERRACCEPT      anything else, in the log
+ */
+int packet_srv_accept(int listenSocket, uint32_t *ip, uint16_t *port, char **ipText);
+
+/** Makes a TCP socket, close-on-exec, and connects it; blocks meanwhile.
+ *
+ *  @param localPort  port to be bound to first, host order; 0 for any
+ *  @return the descriptor, the caller's to close; or, already in the log and with errno left as it was,
+ *          PACKETERRSOCKET (none to be had, or none that select can hold), PACKETERRBIND, PACKETERRCONNECT
+ */
+int packet_clt_connect(uint16_t localPort, const PacketAddress *address);
+
+/** Closes a socket. What was sent before is still delivered.
+ *
+ *  @param clearLinger  non-zero: the close doesn't wait for that, whatever the socket was told to do. A close that
+ *                      takes more than a tenth of a second is logged
+ */
+void packet_closeSocket(int socket, int clearLinger);
+
+/** Makes a socket non-blocking (`on` non-zero) or blocking. Returns 0, or -1: already in the log. */
+int packet_setNonBlocking(int socket, int on);
+
+/** Reads what has come on a connection, at most `size` bytes. In the statistics, reads of less than 5 bytes are
+ *  gathered to one packet a line, or to one for 513 bytes.
+ *
+ *  @return the byte count; 0 when the peer has closed or reset the connection; or
+ *          PACKETERRINTR        a signal came, or an error was waiting at the socket (traced): may be tried again
+ *          PACKETERRWOULDBLOCK  nothing is there
+ *          PACKETERRBADSOCKET   negative; in the log
+ *          PACKETERRRECV        anything else; in the log
+ */
+int packet_readTCP(int socket, void *buffer, int size);
+
+/** Sends to a connection. If the peer is gone the system raises SIGPIPE, for which process_init installs a handler; a
+ *  program without it ignores the signal itself.
+ *
+ *  @return the bytes taken, perhaps fewer than `length`: the rest is the caller's to send again; 0 for a length of 0
+ *          or less; or
+ *          PACKETERRWOULDBLOCK  no room now
+ *          PACKETERRINTR        a signal came (errno EINTR), or the send failed (errno as it left it): EPIPE is only
+ *                               traced, all else in the log
+ *          PACKETERRBADSOCKET   negative; in the log
+ */
+int packet_sendTCP(int socket, const void *buffer, int length);
 
 /* ---- Statistics: totals, the last minute by the second, and with process_context.packetDiag a table by packet type.
  * Everything is an unsigned 32-bit word that wraps. Bytes are lengths plus 28 for the headers in front of a datagram,
