@@ -57,7 +57,8 @@ int raEventStartup(int argc, char **argv);
  *  that gets no result is answered as refused. */
 void raEventUdpRequest(RA_SESSION_S *session, int argc, char **argv);
 
-/** Serves one complete HTTP request. */
+/** Serves one complete HTTP request: an answer is what it appends with raSetHttpResult. Without one the connection is
+ *  closed. */
 void raEventHttpRequest(RA_CONN_S *connection);
 
 /** Called once when the process ends. */
@@ -91,6 +92,25 @@ int raSetPeriodicInterval(int seconds, int microseconds);
 
 /** Dotted text of an address in network order; good until the next such call. */
 char *raIpString(uint32_t address);
+
+/* For the hook of HTTP requests. The request stays readable and in its place until the hook returns. */
+
+/** Appends to the answer, which is sent as it stands when the hook has returned: status line and header are the hook's
+ *  own. Returns the length of the answer so far; it has not grown if memory is short (in the log). */
+int raSetHttpResult(RA_CONN_S *connection, const char *text);
+
+/** Drops the answer. Returns 0. */
+int raClearHttpResult(RA_CONN_S *connection);
+
+/** Peer address and port, both in network order. */
+uint32_t raConnGetIp(RA_CONN_S *connection);
+uint16_t raConnGetPort(RA_CONN_S *connection);
+
+/** Header (from the method on, to the end of the blank line), body, and URL. The body of a GET is null, and nothing
+ *  ends a body but its length. `length` may be null; that of the URL counts its terminator. */
+char *raConnGetHeader(RA_CONN_S *connection, int *length);
+unsigned char *raConnGetBody(RA_CONN_S *connection, int *length);
+char *raConnGetUrl(RA_CONN_S *connection, int *length);
 
 /** Makes a client that lives inside this server: raclient_udp_create, linked into the server record. Null without
  *  memory. raClientRemove unlinks it and destroys it. */

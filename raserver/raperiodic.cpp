@@ -53,9 +53,15 @@ void sweep_idle_sessions(RA_SERVER_S &server) {
     }
 }
 
+// Each of them, served or not: a connection lives for a minute at most.
+void close_connections(RA_SERVER_S &server) {
+    while (server.connections.head != nullptr) raConnCloseConnection(&server, server.connections.head, 1);
+}
+
 void write_report(RA_SERVER_S &server) {
     if (server.now < server.lastReport + REPORT_SECONDS) return;
     ivs_bandwidth_report("RA");
+    raConnLogStats("RA");
     server.lastReport = server.now;
 }
 
@@ -63,6 +69,7 @@ void work_of_the_minute(RA_SERVER_S &server) {
     if (server.now < server.lastSweep + SWEEP_SECONDS) return;
     server.lastSweep = server.now;
     sweep_idle_sessions(server);
+    close_connections(server);
     if (server.isServer) write_report(server);
 }
 
@@ -157,6 +164,10 @@ void ra_clock_was_set(RA_SERVER_S *context, time_t seconds) {
     for (RA_SESSION_S *session = context->sessions.head; session != nullptr; session = session->next) {
         move(session->created, seconds);
         move(session->lastUsed, seconds);
+    }
+    for (RA_CONN_S *connection = context->connections.head; connection != nullptr; connection = connection->next) {
+        move(connection->created, seconds);
+        move(connection->lastUsed, seconds);
     }
     for (RA_CLIENT_S *client = context->clients.head; client != nullptr; client = client->next) {
         for (RA_REQUEST_S *request = client->pending.head; request != nullptr; request = request->next) {

@@ -130,9 +130,20 @@ void resolve_tcp_host(RA_SERVER_S &server) {
     if (packet_gethostbyname(server.tcpHost, &ip_host_order) == 0) server.tcpIp = htonl(ip_host_order);
 }
 
-void refuse_tcp_port(const RA_SERVER_S &server) {
-    if (server.tcpPort == 0) return;
-    process_error("TCP port %d was asked for, but this server has no TCP port: it serves UDP only\n", server.tcpPort);
+int open_tcp_socket(RA_SERVER_S &server) {
+    if (server.tcpPort == 0) return 0;
+    if (server.tcpIp == 0) server.tcpIp = server.localIp;
+    process_log("TCPIP     = %s\n", packet_ip2str(server.tcpIp));
+    process_log("TCPPORT   = %d\n", server.tcpPort);
+
+    server.tcpSocket = packet_srv_tcp_socket(server.tcpIp, server.tcpPort, 1);
+    if (server.tcpSocket < 0) {
+        server.tcpSocket = -1;
+        process_error("Can't create server listen socket for port %d!\n", server.tcpPort);
+        return RAEXITSOCKET;
+    }
+    packet_setNonBlocking(server.tcpSocket, 1);
+    return 0;
 }
 
 }  // namespace
@@ -170,7 +181,8 @@ int raserver_init(int *argc, char **argv, RA_SERVER_S *context, void (*usage)(co
     int rc = open_udp_socket(*context);
     if (rc != 0) return rc;
     resolve_tcp_host(*context);
-    refuse_tcp_port(*context);
+    rc = open_tcp_socket(*context);
+    if (rc != 0) return rc;
     ra_learn_own_addresses();
 
     ivsIpCheckInit(*argc, argv);
@@ -193,6 +205,8 @@ void raserver_exit(RA_SERVER_S *context, int code) {
     int rc = -1;
     if (context->udpSocket >= 0) rc = close(context->udpSocket);
     context->udpSocket = -1;
+    if (context->tcpSocket >= 0) packet_closeSocket(context->tcpSocket, 1);
+    context->tcpSocket = -1;
     process_log("RA.EXIT socketclose ret: %d\n", rc);
 }
 

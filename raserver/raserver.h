@@ -1,4 +1,4 @@
-/* The server core's own records and calls: the one server context, sessions, clients, and the run loop.
+/* The server core's own records and calls: the one server context, sessions, connections, clients, and the run loop.
  *
  * Outside of raserver/ only main, the tests and programs that run the loop themselves need this header; a hook gets
  * along with raextern.h. */
@@ -44,6 +44,44 @@ struct RA_SESSION_S {
     struct RA_SESSION_S *idlePrevious, *idleNext;  /* list of all sessions by use, longest idle first */
     unsigned int savedLength;                      /* bytes of the own copy in reply; 0 while there is none */
 };
+
+/** A TCP connection: one HTTP request and its answer. Pointers into the input move along when that grows. */
+struct RA_CONN_S {
+    int socket;             /* non-blocking */
+    char *peerName;         /* dotted address, or empty; owned */
+    uint32_t peerIp;        /* host order */
+    uint16_t peerPort;      /* host order */
+    time_t created;         /* ra_server.now at the accept */
+    time_t lastUsed;        /* the same when data last went in or out */
+    unsigned char *input;   /* what has come, with a zero byte behind it; owned */
+    unsigned int inputSize; /* allocated, less one */
+    unsigned int inputLength;
+    unsigned int inputLimit;    /* while inputLength is below it, more is read */
+    int method;                 /* 0 until known, then 'G' or 'P' */
+    unsigned int headerLength;  /* up to and with the line feed that ends the blank line */
+    char *header;               /* the input's start, once the header is complete; a zero byte ends it */
+    unsigned int urlLength;     /* with its terminator */
+    char *url;                  /* owned */
+    unsigned int contentLength; /* POST: what the header says */
+    unsigned char *body;        /* POST: first byte behind the header, in the input */
+    unsigned char *output;      /* the answer, with a zero byte behind it; owned */
+    unsigned int outputSize;    /* allocated, less one */
+    unsigned int outputSent;
+    unsigned int outputLength;
+    struct RA_CONN_S *next, *previous; /* in ra_server.connections, oldest first */
+};
+
+/** A count of bytes: `high` times 0x3fffffff, and `low`, which is never more than that. */
+typedef struct RA_CONN_BYTES_S {
+    unsigned int high, low;
+} RA_CONN_BYTES_S;
+
+/** Connections that were closed, and what went through them. */
+typedef struct RA_CONN_STATS_S {
+    time_t second; /* that the record stands for; of no meaning in a sum */
+    unsigned long connections;
+    RA_CONN_BYTES_S in, out;
+} RA_CONN_STATS_S;
 
 typedef struct RA_SESSION_LIST_S {
     RA_SESSION_S *head, *tail;
@@ -186,6 +224,33 @@ void raConnRun(void *context, int udpSocket, struct timeval *tick,
                               int addressSize),
                void (*status)(void *context, struct timeval *now, FILE *stream), FILE *stream,
                void (*hourly)(void *context, struct timeval *now));
+
+/* ---- TCP connections ---------------------------------------------------------------------------------------------
+ * The first three are the steps of raConnRun for a server with a TCP port; their context is the RA_SERVER_S. ---------- */
+
+/** Fills both sets with the open sockets: the UDP socket, the listening one, and the connections that have something
+ *  to read or to write. Returns the highest descriptor, or -1. */
+int raConnSelectSet(void *context, fd_set *readSet, fd_set *writeSet);
+
+/** Takes a connection if one waits. Returns 1 if the listening socket was ready, else 0. */
+int raConnAccept(void *context, fd_set *readSet);
+
+/** Writes and reads what is ready, at most `count` events. A complete request goes to the hook onHttpRequest. Nothing
+ *  but an answer of the hook is ever sent: who errs, asks for too much (262143 bytes) or gets no answer is cut off. */
+void raConnData(int count, void *context, fd_set *readSet, fd_set *writeSet);
+
+/** Accepts a connection, if its address may be served, and links it into the list. Failures are in the log. */
+void raConnNewConnection(RA_SERVER_S *context);
+
+/** Counts, closes, unlinks and frees a connection; `hard` is clearLinger of packet_closeSocket. */
+void raConnCloseConnection(RA_SERVER_S *context, RA_CONN_S *connection, int hard);
+
+/** Sums over the last `seconds` complete seconds, held to 1..60, by ra_server.now. In static storage, until the next
+ *  call; not to be written to. */
+RA_CONN_STATS_S *raConnStats(int seconds);
+
+/** Logs the last minute's connections and bytes, as "<name>.CO last minute ...". */
+void raConnLogStats(const char *name);
 
 /** Sorts a datagram by its first byte and serves it. The byte behind it must be writable, as the run loop sees to. */
 void ra_reply(void *context, struct timeval *now, unsigned char *packet, int length, void *address, int addressSize);

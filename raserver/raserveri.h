@@ -45,6 +45,28 @@ void ra_session_drop_reply(RA_SERVER_S *context, RA_SESSION_S *session);
 /** Notes that a session was used now. */
 void ra_session_touch(RA_SERVER_S *context, RA_SESSION_S *session);
 
+/** What there is of an HTTP request. */
+enum {
+    RA_HTTP_BAD =
+        -1, /* nothing that can be served: the connection is to be closed; in the log, if it is told there */
+    RA_HTTP_MORE = 0,    /* not all of it yet */
+    RA_HTTP_COMPLETE = 1 /* all of it: header, URL, and the body of a POST */
+};
+
+/** Sees to it that more of a request can be written at input + inputLength. Returns how many bytes, at least 1; 0
+ *  without memory (reported). */
+int ra_http_room(RA_CONN_S *connection);
+
+/** Takes `count` bytes, more than 0, that were written there into the request. Returns RA_HTTP_.... The request may
+ *  come in pieces of any size. */
+int ra_http_received(RA_CONN_S *connection, int count);
+
+/** All connections that were closed since the start. */
+extern RA_CONN_STATS_S ra_conn_total;
+
+/** Counts a connection that is closed at `now`. */
+void ra_conn_count(time_t now, unsigned int bytesIn, unsigned int bytesOut);
+
 /** Ends an asynchronous request: calls its callback, if any, with `result`, and deletes it unless the callback did. */
 void ra_request_finish(RA_SERVER_S *context, RA_CLIENT_S *client, RA_REQUEST_S *request, int result);
 

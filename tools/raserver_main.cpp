@@ -63,8 +63,9 @@ int main(int argc, char **argv) {
     process_context.exitHook = raserver_exit_hook;
 
     // Without TCP there is one descriptor to wait for, so the wait is left to the read: one system call less.
-    raConnRun(&ra_server, ra_server.udpSocket, &ra_server.tick, nullptr, nullptr, nullptr, raserver_periodic,
-              ra_reply, raserver_status, stderr, nullptr);
+    const bool has_tcp = ra_server.tcpSocket >= 0;
+    raConnRun(&ra_server, ra_server.udpSocket, &ra_server.tick, has_tcp ? raConnSelectSet : nullptr, raConnAccept,
+              raConnData, raserver_periodic, ra_reply, raserver_status, stderr, nullptr);
     process_log(">> Killed!\n");
     process_exit(0);
 }
