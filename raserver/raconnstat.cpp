@@ -53,8 +53,8 @@ RA_CONN_STATS_S *raConnStats(int seconds) {
     sum = {};
     const int window = std::clamp(seconds, 1, LONGEST_WINDOW);
     for (int back = 1; back <= window; back++) {
-        const RA_CONN_STATS_S &slot = slot_of(ra_server.now - back);
-        if (slot.second > ra_server.now - RING_SLOTS) add(sum, slot);
+        const time_t second = ra_server.now - back;
+        if (slot_of(second).second == second) add(sum, slot_of(second));
     }
     return &sum;
 }

@@ -1,0 +1,305 @@
+/* HTTP requests in pieces, and the connections that bring them: hooks, sockets and time as the test gives them. */
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <functional>
+
+#include "process/owned.h"
+#include "process/velproc.h"
+#include "raserver/raserveri.h"
+
+namespace {
+
+/** A request that is fed by hand, without a socket. */
+class Request {
+public:
+    Request() { connection.socket = -1; }
+    ~Request() {
+        free(connection.input);
+        free(connection.url);
+    }
+    Request(const Request &) = delete;
+    Request &operator=(const Request &) = delete;
+
+    /** Gives what the last of the bytes made of it; no byte is taken behind the one that decides. */
+    int take(std::string_view bytes) {
+        int result = RA_HTTP_MORE;
+        while (!bytes.empty() && result == RA_HTTP_MORE) {
+            const size_t count = std::min(bytes.size(), static_cast<size_t>(ra_http_room(&connection)));
+            memcpy(connection.input + connection.inputLength, bytes.data(), count);
+            bytes.remove_prefix(count);
+            result = ra_http_received(&connection, static_cast<int>(count));
+        }
+        return result;
+    }
+    std::string header() {
+        int length = 0;
+        const char *start = raConnGetHeader(&connection, &length);
+        return std::string(start, static_cast<size_t>(length));
+    }
+    std::string body() {
+        int length = 0;
+        const auto *start = reinterpret_cast<const char *>(raConnGetBody(&connection, &length));
+        return std::string(start != nullptr ? start : "", static_cast<size_t>(length));
+    }
+    std::string url() {
+        int length = 0;
+        const char *start = raConnGetUrl(&connection, &length);
+        return start == nullptr ? "" : std::string(start, static_cast<size_t>(length));
+    }
+
+    RA_CONN_S connection{};
+};
+
+class HttpRequest : public testing::Test {
+protected:
+    const PROCESS_S before = process_context;
+    HttpRequest() { process_context.name = name_; }
+    ~HttpRequest() override { process_context = before; }
+
+    static std::string told(const std::function<void()> &work) {
+        testing::internal::CaptureStdout();
+        work();
+        return testing::internal::GetCapturedStdout();
+    }
+
+private:
+    char name_[5] = "test";
+};
+
+struct Row {
+    std::string header, body, url;
+};
+const Row requests[] = {
+    {"GET /a HTTP/1.0\r\nHost: x\r\n\r\n", "", "/a"},
+    {"get\t /b?x=1&y\n\n", "", "/b?x=1&y"},
+    {"GET /c\n \t\v\r\n", "", "/c"},
+    {"GET/d\n\n", "", "/d"},
+    {"POST /e HTTP/1.0\r\nContent-length: 5\r\n\r\n", "hello", "/e"},
+    {"pOsT /f\nContent-length: 4\n\n", "\n\n\n\n", "/f"},
+    {"POST /g\nContent-length: 2 and more\nContent-length: 9\n\r\n", std::string("\0\n", 2), "/g"},
+};
+
+TEST_F(HttpRequest, IsTheSameHoweverItIsCut) {
+    for (const Row &row : requests) {
+        const std::string all = row.header + row.body;
+        const auto check = [&](Request &request, size_t cut) {
+            std::string header = request.header();
+            if (!row.body.empty()) header.back() = '\n';  // there it ends as a text
+            EXPECT_EQ(header, row.header) << "cut at " << cut;
+            EXPECT_EQ(request.connection.input[request.connection.inputLength], 0);
+            EXPECT_EQ(request.body(), row.body);
+            EXPECT_EQ(request.url(), row.url + '\0');
+        };
+        for (size_t cut = 0; cut < all.size(); cut++) {
+            Request request;
+            ASSERT_EQ(request.take(std::string_view(all).substr(0, cut)), RA_HTTP_MORE) << all << " cut at " << cut;
+            ASSERT_EQ(request.take(std::string_view(all).substr(cut)), RA_HTTP_COMPLETE) << all << " cut at " << cut;
+            check(request, cut);
+        }
+        Request bytewise;
+        for (size_t at = 0; at < all.size(); at++) {
+            const int expected = at + 1 < all.size() ? RA_HTTP_MORE : RA_HTTP_COMPLETE;
+            ASSERT_EQ(bytewise.take({&all[at], 1}), expected) << all << " at " << at;
+        }
+        check(bytewise, 1);
+    }
+}
+
+TEST_F(HttpRequest, IsRefusedWithItsLine) {
+    const struct {
+        std::string bytes, line;
+    } rows[] = {
+        {"PUT /x\r\nE20010101 forged\x1b[2J\x80\n", "Strange HTTP request: \"PUT /x..E20010101 forged.[2J..\"\n"},
+        {std::string("\0\0\0\0", 4), "Strange HTTP request: \"....\"\n"},
+        {"POST /x\r\nContent-Length: 5\r\nL2001 forged\r\n\r\nhello",
+         "Post method with bad header\nPOST /x..Content-Length: 5..L2001 forged...\n"},
+        {"POST /x\nContent-length: 0\n\n", "Post method with bad header\nPOST /x.Content-length: 0.\n"},
+        {"POST /x\nContent-length: -1\n\n", "Post method with bad header\nPOST /x.Content-length: -1.\n"},
+        {"POST /x\n\nContent-length: 5\n\n", "Post method with bad header\nPOST /x.\n"},
+        {"GET \r\n\r\n", ""},
+        {std::string("GET \0/x\n\n", 9), ""},
+    };
+    for (const auto &row : rows) {
+        Request request;
+        const std::string line = told([&] { EXPECT_EQ(request.take(row.bytes), RA_HTTP_BAD) << row.bytes; });
+        EXPECT_EQ(line, row.line.empty() ? "" : "test: raConnData: " + row.line);
+    }
+}
+
+TEST_F(HttpRequest, WaitsForWhatItMayStillBecome) {
+    for (const char *bytes : {"", "G", "pu", "POS", "GET", "GET /x\n", "GET /x\r\n\r", "GET /x\n\nmore\n", "GET\n",
+                              "POST /x\n", "POST /x\nContent-length: 99999999999999999999\n\nhello"}) {
+        Request request;
+        EXPECT_EQ(request.take(bytes), RA_HTTP_MORE) << bytes;
+    }
+}
+
+TEST_F(HttpRequest, MayBeSoLargeAndNoLarger) {
+    const std::string start = "POST /x\nContent-length: ";
+    const std::string header = start + "262111\n\n";
+    std::string body(262111, 'b');
+    ASSERT_EQ(header.size() + body.size(), 262143U);
+    Request largest;
+    for (size_t at = 0; at < 100; at++) body[at * 2621] = static_cast<char>(at);
+    EXPECT_EQ(largest.take(header + body), RA_HTTP_COMPLETE);
+    EXPECT_EQ(largest.body(), body) << "it moves along when the buffer grows";
+    EXPECT_EQ(largest.header().substr(0, 7), "POST /x");
+
+    Request larger;
+    const std::string line = told([&] { EXPECT_EQ(larger.take(start + "262112\n\n" + body + "x"), RA_HTTP_BAD); });
+    EXPECT_EQ(line, "test: raConnData: maximum request size exceeded, 262144 bytes\n");
+}
+
+// ---- Connections -----------------------------------------------------------------------------------------------------
+
+std::function<void(RA_CONN_S *)> hook;  // what the running test wants a request to do
+void call_hook(RA_CONN_S *connection) { hook(connection); }
+
+class Connections : public HttpRequest {
+protected:
+    int requests_served = 0;
+
+    Connections() {
+        process_context.silent = 1;
+        ra_server = RA_SERVER_S{};
+        ra_server.udpSocket = -1;
+        ra_server.tcpSocket = packet_srv_listen_ip(htonl(INADDR_LOOPBACK), 0);
+        ra_server.onHttpRequest = call_hook;
+        hook = [this](RA_CONN_S *) { requests_served++; };
+        packet_setNonBlocking(ra_server.tcpSocket, 1);
+    }
+    ~Connections() override {
+        while (ra_server.connections.head != nullptr)
+            raConnCloseConnection(&ra_server, ra_server.connections.head, 1);
+        EXPECT_EQ(ra_server.connections.tail, nullptr);
+        EXPECT_EQ(ra_server.connCount, 0);
+        packet_closeSocket(ra_server.tcpSocket, 1);
+    }
+
+    /** One turn of the run loop. */
+    static void turn() {
+        fd_set readable, writable;
+        timeval patience{0, 20000};
+        const int highest = raConnSelectSet(&ra_server, &readable, &writable);
+        int count = select(highest + 1, &readable, &writable, nullptr, &patience);
+        if (count > 0 && raConnAccept(&ra_server, &readable) != 0) count--;
+        if (count > 0) raConnData(count, &ra_server, &readable, &writable);
+    }
+    /** Turns until the condition holds; at most for some seconds. */
+    static bool turn_until(const std::function<bool()> &holds) {
+        for (int left = 1000; left > 0 && !holds(); left--) turn();
+        return holds();
+    }
+    static OwnedFd connected() {
+        PacketAddress address{};
+        socklen_t size = sizeof address;
+        getsockname(ra_server.tcpSocket, reinterpret_cast<sockaddr *>(&address), &size);
+        return OwnedFd(packet_clt_connect(0, &address));
+    }
+    static OwnedFd sent(const std::string &bytes) {
+        OwnedFd client = connected();
+        EXPECT_EQ(packet_sendTCP(client.get(), bytes.data(), static_cast<int>(bytes.size())),
+                  static_cast<int>(bytes.size()));
+        return client;
+    }
+};
+
+TEST_F(Connections, AnswerWhatTheHookAppends) {
+    std::string answer;
+    hook = [&](RA_CONN_S *connection) {
+        EXPECT_EQ(raConnGetIp(connection), htonl(INADDR_LOOPBACK));
+        EXPECT_NE(raConnGetPort(connection), 0);
+        EXPECT_EQ(raSetHttpResult(connection, "dropped"), 7);
+        EXPECT_EQ(raClearHttpResult(connection), 0);
+        EXPECT_EQ(raSetHttpResult(connection, ""), 0);
+        for (int line = 0; line < 60000; line++) {
+            const std::string text = "line " + std::to_string(line) + "\r\n";
+            answer += text;
+            ASSERT_EQ(raSetHttpResult(connection, text.c_str()), static_cast<int>(answer.size()));
+        }
+    };
+    const OwnedFd client = sent("GET /x\n\n"), other = sent("GET");
+    packet_setNonBlocking(client.get(), 1);
+    std::string got;
+    const auto read_some = [&] {
+        char buffer[5000];
+        int length = 0;
+        while ((length = packet_readTCP(client.get(), buffer, sizeof buffer)) > 0)
+            got.append(buffer, static_cast<size_t>(length));
+        return length == 0;
+    };
+    EXPECT_TRUE(turn_until(read_some)) << "an answer longer than the socket's buffers goes out bit by bit";
+    EXPECT_EQ(got, answer);
+    EXPECT_EQ(ra_server.connCount, 1) << "the other one, which has not said what it wants";
+}
+
+TEST_F(Connections, EndWithoutAnAnswer) {
+    const OwnedFd client = sent("GET /x\n\n");
+    EXPECT_TRUE(turn_until([&] { return requests_served == 1 && ra_server.connCount == 0; }));
+    char byte;
+    EXPECT_EQ(packet_readTCP(client.get(), &byte, 1), 0);
+    OwnedFd impatient = sent("POST /x\n");
+    EXPECT_TRUE(turn_until([] { return ra_server.connCount == 1; }));
+    impatient.reset();
+    EXPECT_TRUE(turn_until([] { return ra_server.connCount == 0; }));
+    EXPECT_EQ(ra_server.connTotal, 2);
+    EXPECT_EQ(requests_served, 1);
+}
+
+TEST_F(Connections, EndWhenThePeerResetsInTheMiddleOfItsAnswer) {
+    signal(SIGPIPE, SIG_IGN);
+    const std::string much(1 << 23, 'x');
+    hook = [&](RA_CONN_S *connection) { raSetHttpResult(connection, much.c_str()); };
+    OwnedFd client = sent("GET /x\n\n");
+    const auto is_writing = [] {
+        const RA_CONN_S *connection = ra_server.connections.head;
+        return connection != nullptr && connection->outputSent > 0;
+    };
+    EXPECT_TRUE(turn_until(is_writing));
+    client.reset();  // with bytes unread: a reset
+    EXPECT_TRUE(turn_until([] { return ra_server.connCount == 0; }));
+    signal(SIGPIPE, SIG_DFL);
+}
+
+TEST_F(Connections, AreAllClosedByTheSweep) {
+    const OwnedFd silent = connected(), busy = sent("POST /x\nContent-length: 100\n\nhello");
+    EXPECT_TRUE(turn_until([] { return ra_server.connCount == 2 && ra_server.connections.tail->inputLength > 0; }));
+    timeval now{ra_server.now, 0};
+    raserver_periodic(&ra_server, &now);
+    EXPECT_EQ(ra_server.connCount, 0) << "however young";
+}
+
+TEST_F(Connections, AreCountedByTheSecond) {
+    const time_t now = ra_server.now = 1000000000;
+    ra_conn_count(now - 61, 1, 1);  // too old
+    ra_conn_count(now - 60, 10, 20);
+    ra_conn_count(now - 2, 100, 200);
+    ra_conn_count(now - 1, 0x3fffffff, 0x40000000);
+    ra_conn_count(now - 1, 5, 0);
+    ra_conn_count(now, 1, 1);  // not over yet
+    const struct {
+        int seconds;
+        unsigned connections, in_high, in_low, out_high, out_low;
+    } rows[] = {{1, 2, 1, 5, 1, 1},
+                {-1, 2, 1, 5, 1, 1},
+                {2, 3, 1, 105, 1, 201},
+                {60, 4, 1, 115, 1, 221},
+                {999, 4, 1, 115, 1, 221}};
+    for (const auto &row : rows) {
+        const RA_CONN_STATS_S &sum = *raConnStats(row.seconds);
+        EXPECT_EQ(sum.connections, row.connections) << row.seconds;
+        EXPECT_EQ(sum.in.high, row.in_high);
+        EXPECT_EQ(sum.in.low, row.in_low);
+        EXPECT_EQ(sum.out.high, row.out_high);
+        EXPECT_EQ(sum.out.low, row.out_low);
+    }
+    process_context.silent = 0;
+    EXPECT_EQ(told([] { raConnLogStats("RA"); }), "test: RA.CO last minute C 4 I 115 O 221\n");
+}
+
+}  // namespace
