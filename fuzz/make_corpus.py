@@ -218,9 +218,30 @@ def mappings():
     yield "carriage-returns", usual.replace(b"\n", b"\r\n") * 2 + b"1.1.1.1:1 2.2.2.2:2"
 
 
+def http_requests():
+    get, post = b"GET /a?b=c HTTP/1.0\r\nHost: x\r\n\r\n", b"POST /a\nContent-length: 5\n\nhello"
+    for piece in (0, 6, 255):
+        cut = bytes([piece])
+        yield f"get-{piece}", cut + get
+        yield f"post-{piece}", cut + post
+    yield "any-case", b"\3gEt\t\v/x\n \t\f\n"
+    yield "no-url", b"\3GET \r\n\r\n"
+    yield "zero-in-url", b"\3GET /a\0b\n\n"
+    yield "behind-the-header", b"\x20" + get + b"more\n"
+    yield "not-known", b"\1PUT /x\x1b\n\n"
+    yield "cut-off", b"\0POS"
+    yield "other-spelling", b"\3" + post.replace(b"length", b"Length")
+    yield "length-none", b"\3POST /a\n\n"
+    yield "length-negative", b"\3POST /a\nContent-length: -5\n\nhello"
+    yield "length-huge", b"\3POST /a\nContent-length: 99999999999999999999\n\nhello"
+    yield "length-in-url", b"\3POST Content-length: 2\n\nab"
+    yield "blank-lines", b"\0POST /a\nContent-length: 3\n\n\n\n\n\n"
+
+
 TARGETS = {
     "request": requests, "envelope": envelopes, "trace": traces, "expander": expansions, "config": configurations,
     "placeholders": statements, "srdp": conversations, "admin": orders, "ipmap": mappings,
+    "http": http_requests,
 }
 
 for target, seeds in TARGETS.items():

@@ -58,7 +58,10 @@ public:
 class HttpRequest : public testing::Test {
 protected:
     const PROCESS_S before = process_context;
-    HttpRequest() { process_context.name = name_; }
+    HttpRequest() {
+        process_context.name = name_;
+        process_context.silent = 0;
+    }
     ~HttpRequest() override { process_context = before; }
 
     static std::string told(const std::function<void()> &work) {
