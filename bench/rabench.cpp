@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/tcpcrowd.h"
 #include "packet/packet.h"
 #include "packet/typecodes.h"
 
@@ -46,6 +47,7 @@ constexpr char usage_text[] =
     "  -K KEYTEXT  the server's access key, listed with \"encrypt\" for 127.0.0.1 alone: clear requests then come "
     "from\n"
     "              127.0.0.2 with the key in front, and enciphered ones from 127.0.0.1\n"
+    "  -T PORT     keep 500 connections to the server's TCP port meanwhile, most of them coming and being reset\n"
     "  -f          first insert the records that are missing\n"
     "  -h          this text\n";
 
@@ -54,6 +56,7 @@ struct Options {
     int sockets = 16, keys = 1000, rounds = 5;
     double seconds = 1;
     pid_t server = 0;
+    uint16_t tcpPort = 0;
     bool fill = false;
 };
 
@@ -385,7 +388,7 @@ long number_of(const char *text, long least, long most, const char *what) {
 
 Options options_from(int argc, char **argv) {
     Options options;
-    for (int letter; (letter = getopt(argc, argv, "m:k:r:s:n:P:t:K:fh")) != -1;) {
+    for (int letter; (letter = getopt(argc, argv, "m:k:r:s:n:P:t:K:T:fh")) != -1;) {
         switch (letter) {
             case 'm':
                 options.mode = optarg;
@@ -407,6 +410,9 @@ Options options_from(int argc, char **argv) {
                 break;
             case 'K':
                 options.keyText = optarg;
+                break;
+            case 'T':
+                options.tcpPort = static_cast<uint16_t>(number_of(optarg, 1, 65535, "TCP port"));
                 break;
             case 't':
                 options.table = optarg;
@@ -468,6 +474,7 @@ int main(int argc, char **argv) {
     if (options.fill) fill(options, server, clear);
     const EchoServer echo;
     pin_to(0);
+    const TcpCrowd crowd(server, options.tcpPort);
     std::list<Measured> all;
     all.emplace_back("echo", echo.pid(), options, echo.address(), bare);
     all.emplace_back(options.mode.c_str(), options.server, options, server, clear);
