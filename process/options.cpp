@@ -33,6 +33,7 @@ constexpr Option options[] = {
     {"-VELROOT", Form::TAKEN_VALUE, [](char *value) { return process_context.rootDir = value, true; }},
     {"-PACKETDIAG", Form::TAKEN_FLAG, [](char *) { return process_context.packetDiag = 1, true; }},
     {"-NOACCESSKEYCHECK", Form::TAKEN_FLAG, [](char *) { return process_context.noAccessKeyCheck = 1, true; }},
+    {"-HARDEN", Form::TAKEN_FLAG, [](char *) { return process_context.hardened = 1, true; }},
     {"-TRACE", Form::STAYING_FLAG, [](char *) { return process_context.trace = 1, true; }},
     {"-VERBOSE", Form::STAYING_FLAG, [](char *) { return process_context.verbose = 1, true; }},
 };

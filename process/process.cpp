@@ -21,6 +21,7 @@ namespace {
 
 constexpr int DEFAULT_MAX_DAEMONS = 512;
 constexpr char ROOT_VARIABLE[] = "VELROOT";
+constexpr char HARDEN_VARIABLE[] = "VELHARDEN";
 
 /** Clears the context but for what a program may have set before, or what must outlive a refused second call. */
 void clear_context() {
@@ -145,6 +146,7 @@ int process_init(int *argc, char **argv, int daemonFlag, int logFlag, int maxPro
     if (!process_context.firstCall) return PROCESSERRINSTANCE;
     clear_context();
     if (argc != nullptr && !take_options(argc, argv)) return PROCESSERRNAME;
+    process_harden_by_environment();
 
     int result = 0;
     if ((result = set_name(argv)) != 0) return result;
@@ -167,6 +169,14 @@ int process_init(int *argc, char **argv, int daemonFlag, int logFlag, int maxPro
     if (is_daemon && maxProcesses <= 0) maxProcesses = DEFAULT_MAX_DAEMONS;
     if ((result = take_instance_slot(maxProcesses, logPath)) != 0) return result;
     return install_handlers();
+}
+
+void process_harden_by_environment(void) {
+    static const bool is_wanted = [] {
+        const char *value = getenv(HARDEN_VARIABLE);
+        return value != nullptr && strcmp(value, "1") == 0;
+    }();
+    if (is_wanted) process_context.hardened = 1;
 }
 
 void process_set_user(void) {

@@ -42,28 +42,29 @@ enum {
 
 /** State of the process, public to all subsystems. process_init clears the fields from name to verbose. */
 typedef struct PROCESS_S {
-    char *name;                     /* last path component of argv[0]; heap */
-    time_t startTime;               /* taken just after daemonising */
-    const char *rootDir;            /* the platform's root directory; not owned */
-    const char *bindIp;             /* text behind -BINDIP, or null; not owned */
-    uint32_t localIp;               /* the host's own address, network order; 0 until the first look-up */
-    volatile sig_atomic_t running;  /* 1 while the process is to go on; every loop polls it */
-    int hold;                       /* while set, packet_read sleeps instead of serving */
-    FILE *traceStream;              /* where trace lines go; null means standard error */
-    volatile sig_atomic_t trace;    /* trace lines are written */
-    int exitCode;                   /* what process_exit hands to the system; the exit hook may change it */
-    char *userName;                 /* text of -setusername; heap */
-    char *groupName;                /* text of -setgroupname; heap */
-    int packetDiag;                 /* -PACKETDIAG: statistics by packet type */
-    int noAccessKeyCheck;           /* -NOACCESSKEYCHECK: requests need no access key */
-    int logReady;                   /* a log exists: configuration readers may report to it */
-    int mode;                       /* PROCESS_MODE_... bits */
-    int verbose;                    /* -VERBOSE */
-    int logToFile;                  /* standard error is the log file */
-    int silent;                     /* while set, the printers print nothing and send no mail */
-    void (*exitHook)(int code);     /* called once by process_exit; set by the program */
-    int lockFd;                     /* descriptor of the status file, -1 without one */
-    int firstCall;                  /* 1 until process_init was called */
+    char *name;                    /* last path component of argv[0]; heap */
+    time_t startTime;              /* taken just after daemonising */
+    const char *rootDir;           /* the platform's root directory; not owned */
+    const char *bindIp;            /* text behind -BINDIP, or null; not owned */
+    uint32_t localIp;              /* the host's own address, network order; 0 until the first look-up */
+    volatile sig_atomic_t running; /* 1 while the process is to go on; every loop polls it */
+    int hold;                      /* while set, packet_read sleeps instead of serving */
+    FILE *traceStream;             /* where trace lines go; null means standard error */
+    volatile sig_atomic_t trace;   /* trace lines are written */
+    int exitCode;                  /* what process_exit hands to the system; the exit hook may change it */
+    char *userName;                /* text of -setusername; heap */
+    char *groupName;               /* text of -setgroupname; heap */
+    int packetDiag;                /* -PACKETDIAG: statistics by packet type */
+    int noAccessKeyCheck;          /* -NOACCESSKEYCHECK: requests need no access key */
+    int logReady;                  /* a log exists: configuration readers may report to it */
+    int mode;                      /* PROCESS_MODE_... bits */
+    int verbose;                   /* -VERBOSE */
+    int logToFile;                 /* standard error is the log file */
+    int silent;                    /* while set, the printers print nothing and send no mail */
+    void (*exitHook)(int code);    /* called once by process_exit; set by the program */
+    int lockFd;                    /* descriptor of the status file, -1 without one */
+    int firstCall;                 /* 1 until process_init was called */
+    int hardened;                  /* -HARDEN, VELHARDEN=1: stricter rules, which a peer may notice */
 } PROCESS_S;
 
 extern PROCESS_S process_context;
@@ -97,6 +98,10 @@ void process_set_user(void);
 __attribute__((noreturn))
 #endif
 void process_exit(int code);
+
+/** Sets process_context.hardened if the environment variable VELHARDEN is "1"; the environment is looked at once in
+ *  the life of the process. process_init does so by itself, a program that goes without it calls this. */
+void process_harden_by_environment(void);
 
 /** Installs a signal handler with an empty mask and without restart: a system call that it interrupts fails with
  *  EINTR. While it runs, the printers take no lock and no memory, so a handler may print. SIG_IGN and SIG_DFL serve

@@ -17,7 +17,7 @@ TEST(StartOptions, AreTakenOutOfTheVectorOrStay) {
     struct Row {
         Strings given;
         const char *left, *user, *group, *bind;
-        const char *flags;  // P: PACKETDIAG, N: NOACCESSKEYCHECK, T: TRACE, V: VERBOSE
+        const char *flags;  // P: PACKETDIAG, N: NOACCESSKEYCHECK, T: TRACE, V: VERBOSE, H: HARDEN
     };
     const Row rows[] = {
         {{"a", "b"}, "prog a b", "-", "-", "-", ""},
@@ -47,6 +47,7 @@ TEST(StartOptions, AreTakenOutOfTheVectorOrStay) {
         {{"-setusername", "-TRACE"}, "prog -setusername -TRACE", "-TRACE", "-", "-", "T"},
         {{"-setusername", "-BINDIP", "10.1.1.1"}, "prog -setusername", "-BINDIP", "-", "10.1.1.1", ""},
         {{"-VERBOSE", "-setgroupname"}, "prog -VERBOSE -setgroupname", "-", "-", "-", "V"},
+        {{"-HARDEN", "a", "-HARDENED", "-harden"}, "prog a -HARDENED -harden", "-", "-", "-", "H"},
         {{"-D", "-debug"}, "prog -D -debug", "-", "-", "-", ""},
     };
     for (const Row &row : rows) {
@@ -62,7 +63,7 @@ TEST(StartOptions, AreTakenOutOfTheVectorOrStay) {
             self.report(arguments.left());
             self.report(shown(context.userName) + " " + shown(context.groupName) + " " + shown(context.bindIp));
             self.report(std::string(context.packetDiag ? "P" : "") + (context.noAccessKeyCheck ? "N" : "") +
-                        (context.trace ? "T" : "") + (context.verbose ? "V" : ""));
+                        (context.trace ? "T" : "") + (context.verbose ? "V" : "") + (context.hardened ? "H" : ""));
             self.report(shown(context.rootDir));
             for (int i = arguments.count; i <= before; i++) {
                 if (arguments.vector[i] != nullptr && i == arguments.count) return 50;  // the end must be marked
@@ -94,6 +95,22 @@ TEST(StartOptions, RootOfTheVectorBeatsTheEnvironmentAndANullCountLooksAtNothing
         return result;
     });
     EXPECT_EQ(uncounted.next_report(), "/from/environment");
+}
+
+TEST(StartOptions, HardeningComesFromTheEnvironmentTooWhichIsReadOnce) {
+    const std::pair<const char *, const char *> rows[] = {{"1", "11"}, {"0", "00"}, {"10", "00"}, {"", "00"}};
+    for (const auto &[value, expected] : rows) {
+        Child child([&](Child &self) {
+            setenv("VELHARDEN", value, 1);
+            const int result = start({"prog", "-VELROOT", "/nowhere"});
+            const int first = process_context.hardened;
+            setenv("VELHARDEN", *value == '1' ? "0" : "1", 1);
+            process_harden_by_environment();
+            self.report(std::to_string(first) + std::to_string(process_context.hardened));
+            return result;
+        });
+        EXPECT_EQ(child.next_report(), expected) << value;
+    }
 }
 
 TEST(StartContext, IsReadyForWork) {
