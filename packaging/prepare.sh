@@ -1,7 +1,8 @@
 # What ./run and ./test share, sourced by both: installs what is missing, configures and builds.
 # Expects $top, the root of the project.
 
-PACKAGES=(g++ cmake ninja-build libsqlite3-dev sqlite3 libgtest-dev libbenchmark-dev)
+PACKAGES=(g++ cmake ninja-build libsqlite3-dev sqlite3 libgtest-dev libbenchmark-dev
+          python3-aiosmtpd mandoc)
 
 say() { printf '%s\n' "$@"; }
 fail() { printf '%s: %s\n' "$(basename "$0")" "$*" >&2; exit 1; }

@@ -347,6 +347,54 @@ unsigned char *packet_decrypt(const unsigned char *key, const unsigned char *env
 int packet_send_encrypted(int socket, const unsigned char *key, const void *packet, int length, const void *address,
                           int addressSize);
 
+/* ---- Mail ------------------------------------------------------------------------------------------------------ */
+
+/** Sends one short text mail over SMTP, without a local mail program. Blocks: 60 seconds at the most for the
+ *  dialogue, besides what name service and connect take.
+ *
+ *  Every text may be null or empty: then it comes from "<rootDir>/etc/mail.cfg" under the key given below, which is
+ *  read at the first need and once, or with PROCESS_MODE_LOCAL_CONFIG in process_context.mode from
+ *  config_variable_source under the name given; and what that lacks has a default. The file is looked at only if
+ *  process_context.mode has PROCESS_MODE_DAEMON or PROCESS_MODE_FOREGROUND set, as process_init leaves it.
+ *
+ *  @param smtpHost     SMTP server: smtphost, g_MailServer, else "localhost", which is the configured bind address or
+ *                      the machine's own one, see packet_srvadr_byname
+ *  @param smtpPort     its TCP port; 0 or less: smtpport, g_MailServerPort, but only for a host that comes from there
+ *                      too, else 25
+ *  @param sendHost     name that the sender gives as its host: sendhost, g_MailSendHost, else (not where variables are
+ *                      asked) the bind address's text, else the machine's name, else "localhost"
+ *  @param fromAddress  sender: mailaddr, g_MailAddress, else "velmora"; one without an at sign gets the send host
+ *  @param toAddresses  recipients, with commas or white space between them: adminmail, g_AdminMail. Of one of 256
+ *                      characters or more the beginning is lost
+ *  @param subject      empty: a fixed one
+ *  @param text         lines may end in a line feed alone. A line that is a lone "." ends the mail, unless
+ *                      process_context.hardened is set: then such lines arrive as they are, and line feeds in the
+ *                      other texts become blanks
+ *
+ *  @return 0: the dialogue ran to its end, or the server closed the connection before. What the server answers is not
+ *          looked at, so a mail that it refuses counts as sent. Or, with nothing tried again,
+ *          -1                  the message was handed over, only the farewell failed
+ *          PACKETERRINVAL      no recipients or no text; a line on standard error says so
+ *          PACKETERRHOST       the server's name is not known; in the log
+ *          PACKETERRMEM        memory is short; in the log
+ *          PACKETERRSOCKET, PACKETERRCONNECT, PACKETERRSEND, PACKETERRSELECT, PACKETERRRECV; errno says why
+ *          PACKETERRTIMEOUT    the time was over
+ *          PACKETERRINTR       process_context.running fell to 0 during a wait; it has to be 1 for a wait to outlive
+ *                              a signal
+ */
+int packet_sendmail(const char *smtpHost, int smtpPort, const char *sendHost, const char *fromAddress,
+                    const char *toAddresses, const char *subject, const char *text);
+
+/** Reads one line from a TCP socket, byte by byte: up to a line feed, size-1 bytes or the end of the stream. No NUL is
+ *  put behind it.
+ *
+ *  @param timeout  goes to select, which updates it, so several reads can share it; null waits without limit
+ *  @return the byte count, 0 at the end of the stream; or, not in the log, PACKETERRBADSOCKET (negative, or select
+ *          can't hold it), PACKETERRTIMEOUT, PACKETERRSELECT, PACKETERRRECV, or PACKETERRINTR: a signal came, what was
+ *          read until then is lost; or `size` is 0 or less
+ */
+int packet_readline(int socket, char *buffer, int size, struct timeval *timeout);
+
 /* ---- Fields: big-endian at *cursor, which is moved behind them. The caller sees to the room. ------------------ */
 
 void packet_put_u32(uint32_t value, unsigned char **cursor);
