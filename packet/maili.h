@@ -7,9 +7,9 @@
 
 /** One mail. As the caller gives it texts may be empty and the port 0; packet_mail_complete fills them in. */
 struct Mail {
-    std::string smtp_host;
+    std::string smtp_host = {};
     int smtp_port = 0;
-    std::string send_host, from, to, subject, text;
+    std::string send_host = {}, from = {}, to = {}, subject = {}, text = {};
 };
 
 /** How the lines about mail begin. */
