@@ -229,7 +229,6 @@ int connect_to_server(const Mail &mail, OwnedFd *connection) {
     connection->reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!connection->is_open()) return PACKETERRSOCKET;
     if (!packet_selectable(connection->get())) {
-        packet_say_unselectable(MAIL_LABEL, connection->get());
         errno = EMFILE;
         return PACKETERRSOCKET;
     }
