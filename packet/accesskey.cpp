@@ -17,6 +17,7 @@
 #include "process/velproc.h"
 
 uint32_t packet_own_ip = 0;
+const char *packet_accesskey_file = nullptr;
 
 namespace {
 
@@ -79,6 +80,8 @@ bool can_be_opened(const char *path) { return OwnedFile(fopen(path, "re")).is_op
 
 /** Finds the key file; false, already in the log, without one. */
 bool find_file(char (&path)[PATH_SIZE]) {
+    if (packet_accesskey_file != nullptr) return process_strlcpy(path, PATH_SIZE, packet_accesskey_file) > 0;
+    if (process_context.rootDir == nullptr) return false;
     const bool local = (process_context.mode & PROCESS_MODE_LOCAL_CONFIG) != 0;
     if (local && process_strlcpy(path, PATH_SIZE, "./config/access.key") > 0 && can_be_opened(path)) return true;
 
@@ -171,7 +174,7 @@ void report_addresses(PAA_S *table) {
 /** The finished table, or null. */
 PAA_S *load() {
     char path[PATH_SIZE];
-    if (process_context.rootDir == nullptr || !find_file(path)) return nullptr;
+    if (!find_file(path)) return nullptr;
 
     PAA_S *table = config_read2paa(nullptr, path);
     if (table == nullptr) return nullptr;

@@ -290,6 +290,9 @@ void packet_stat_reset(void);
  * The file is read once, at the first look-up: names are resolved then, which may block, and what is wrong in it is
  * logged. With process_context.noAccessKeyCheck set no key is ever found, and the file stays unread. */
 
+/** Path of another key file than that, for a program without a root directory; not owned. Null: none. */
+extern const char *packet_accesskey_file;
+
 /** How a key is to be used. */
 enum { PACKETKEYNONE = 0, PACKETKEYCLEAR = 1, PACKETKEYENCRYPT = 2 };
 

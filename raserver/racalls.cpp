@@ -6,28 +6,10 @@
 
 #include "packet/packet.h"
 #include "process/velproc.h"
+#include "raserver/raclienti.h"
 #include "raserver/raserveri.h"
 
 namespace {
-
-void link_at_tail(RA_CLIENT_LIST_S &list, RA_CLIENT_S *client) {
-    client->previous = list.tail;
-    client->next = nullptr;
-    (list.tail != nullptr ? list.tail->next : list.head) = client;
-    list.tail = client;
-}
-
-bool holds(const RA_CLIENT_LIST_S &list, const RA_CLIENT_S *wanted) {
-    for (const RA_CLIENT_S *client = list.head; client != nullptr; client = client->next) {
-        if (client == wanted) return true;
-    }
-    return false;
-}
-
-void unlink_from(RA_CLIENT_LIST_S &list, RA_CLIENT_S *client) {
-    (client->previous != nullptr ? client->previous->next : list.head) = client->next;
-    (client->next != nullptr ? client->next->previous : list.tail) = client->previous;
-}
 
 // The control bytes that the text framing reserves, each written as ESCAPE and a byte of its own.
 constexpr char ESCAPE = 2;
@@ -91,13 +73,12 @@ char *raIpString(uint32_t address) { return packet_ip2str(address); }
 
 RA_CLIENT_S *raClientAdd(const char *host, uint16_t port, int interval, int tries) {
     RA_CLIENT_S *client = raclient_udp_create(host, port, interval, tries);
-    if (client != nullptr) link_at_tail(ra_server.clients, client);
+    if (client != nullptr) ra::link_at_tail(ra_server.clients, client);
     return client;
 }
 
 void raClientRemove(RA_CLIENT_S *client) {
-    if (holds(ra_server.clients, client)) unlink_from(ra_server.clients, client);
-    if (client != nullptr) raclient_udp_destroy(client);
+    raclient_udp_destroy(client);  // which unlinks it
 }
 
 // Both convert the first byte of their input only. Programs rely on them as they were published.

@@ -1,8 +1,9 @@
-/* The client end of Remote Access: client objects and the blocking request.
+/* The client end of Remote Access: client objects, what all requests have in common, and the blocking request.
  *
  * A request goes out again every interval until its answer comes or all intervals are over; the server knows it by
  * its sequence number and carries it out once. One blocking request runs at a time, and its results lie in the
  * buffer of the run loop until the next. The texts of all failures go into the object; only the loop logs anything.
+ * Asynchronous requests are in raclientasync.cpp.
  *
  * Waiting ends when process_context.running is cleared. A program that doesn't call process_init sets it to 1 itself
  * before its first request, or each one ends at once with RAERRKILLED. */
@@ -17,7 +18,6 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 
 #include "ivs/ivs.h"
@@ -25,24 +25,17 @@
 #include "packet/packet.h"
 #include "process/owned.h"
 #include "process/velproc.h"
-#include "raserver/raextern.h"
-#include "raserver/raserver.h"
+#include "raserver/raclienti.h"
 #include "raserver/raserveri.h"
-
-namespace {
-
-using Clock = std::chrono::steady_clock;  // a step of the wall clock neither ends nor prolongs a wait
-
-constexpr int DEFAULT_INTERVAL = 3;
-constexpr int DEFAULT_TRIES = 5;
-constexpr int ENDED_BY_STOP = RAERRKILLED;  // what a request's result is until something answers or times out
-
-// What an object is, is told by the address of its tag, not by the text.
-constexpr char client_tag[] = "RA server client";
-constexpr char request_tag[] = "RA server request";
 
 // ---- Objects --------------------------------------------------------------------------------------------------
 
+const char ra::client_tag[] = "RA server client";
+const char ra::request_tag[] = "RA server request";
+
+namespace {
+
+/** What an object is, is told by the address of its tag, not by the text. */
 bool has_tag(const void *object, const char *tag) {
     if (object == nullptr) return false;
     const char *found = nullptr;
@@ -50,42 +43,58 @@ bool has_tag(const void *object, const char *tag) {
     return found == tag;
 }
 
-RA_CLIENT_S *as_client(void *object) {
+}  // namespace
+
+RA_CLIENT_S *ra::as_client(void *object) {
     return has_tag(object, client_tag) ? static_cast<RA_CLIENT_S *>(object) : nullptr;
 }
 
-RA_REQUEST_S *as_request(void *object) {
+RA_REQUEST_S *ra::as_request(void *object) {
     return has_tag(object, request_tag) ? static_cast<RA_REQUEST_S *>(object) : nullptr;
 }
 
-__attribute__((format(printf, 3, 4))) int fail(RA_CLIENT_S *client, int code, const char *format, ...) {
+// ---- Failures -------------------------------------------------------------------------------------------------
+
+namespace ra::say {
+namespace {
+
+__attribute__((format(printf, 3, 4))) int fail(ErrorText error, int code, const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    vsnprintf(client->error, sizeof client->error, format, arguments);
+    vsnprintf(error, sizeof error, format, arguments);
     va_end(arguments);
     return code;
 }
 
-namespace say {  // the text behind each result code
+}  // namespace
+
 int not_resolved(RA_CLIENT_S *client, int result) {
     const char *reason = result == PACKETERRHOST ? hstrerror(h_errno) : strerror(errno);
-    return fail(client, RAERRHOST, "gethostbyname(%s) failed! error: %s!", client->host, reason);
+    return fail(client->error, RAERRHOST, "gethostbyname(%s) failed! error: %s!", client->host, reason);
 }
 int no_socket(RA_CLIENT_S *client) {
-    return fail(client, RAERRSOCKET, "Failed to get client socket! error: %s!", strerror(errno));
+    return fail(client->error, RAERRSOCKET, "Failed to get client socket! error: %s!", strerror(errno));
 }
-int killed(RA_CLIENT_S *client) { return fail(client, RAERRKILLED, "The process has been killed!"); }
-int too_long(RA_CLIENT_S *client) {
-    return fail(client, RAERRTOOLONG, "Arguments to long: More than %d bytes!", RA_MAX_REQUEST_TEXT);
+int killed(RA_CLIENT_S *client) { return fail(client->error, RAERRKILLED, "The process has been killed!"); }
+int too_long(ErrorText error) {
+    return fail(error, RAERRTOOLONG, "Arguments to long: More than %d bytes!", RA_MAX_REQUEST_TEXT);
 }
-int too_many(RA_CLIENT_S *client, int count) { return fail(client, RAERRTOOMANY, "Too many arguments: %d!", count); }
-int no_answer(RA_CLIENT_S *client) {
-    return fail(client, RAERRTIMEOUT, "Timeout, raserver %s:%d does not answer.", client->host, client->port);
+int too_many(RA_CLIENT_S *client, int count) {
+    return fail(client->error, RAERRTOOMANY, "Too many arguments: %d!", count);
 }
-int denied(RA_CLIENT_S *client) { return fail(client, RAERRDENIED, "Request denied by server."); }
-}  // namespace say
+int no_answer(const RA_CLIENT_S *client, ErrorText error) {
+    return fail(error, RAERRTIMEOUT, "Timeout, raserver %s:%d does not answer.", client->host, client->port);
+}
+int no_memory(RA_CLIENT_S *client, int size) {
+    return fail(client->error, RAERRMEM, "Failed to malloc %d bytes! error: %s!", size, strerror(errno));
+}
+int denied(ErrorText error) { return fail(error, RAERRDENIED, "Request denied by server."); }
+
+}  // namespace ra::say
 
 // ---- First steps of a request ---------------------------------------------------------------------------------
+
+namespace {
 
 /** Four draws of the standard generator in one word, not negative. */
 uint32_t draw_word() {
@@ -112,17 +121,16 @@ uint32_t first_sequence() {
 int find_server(RA_CLIENT_S *client) {
     if (client->address != nullptr) return 0;
     const int size = packet_srvadr_byname(client->host, client->port, &client->address);
-    if (size < 0) return say::not_resolved(client, size);
+    if (size < 0) return ra::say::not_resolved(client, size);
     client->addressLength = size;
     packet_adr_get(client->address, &client->ip, nullptr);
     return 0;
 }
 
-/** Opens the client's socket, once in its life, and draws the first sequence number. Returns 0 or a code. */
+/** Opens the client's socket, once in its life. Returns 0 or a code. */
 int open_socket(RA_CLIENT_S *client) {
-    if (client->socket >= 0) return 0;
     const int socket = packet_clt_socket();
-    if (socket < 0) return say::no_socket(client);
+    if (socket < 0) return ra::say::no_socket(client);
     client->socket = socket;
     client->sequence = first_sequence();
     return 0;
@@ -140,52 +148,73 @@ bool write_strings(ByteWriter &datagram, int argc, char **argv) {
     return true;
 }
 
-/** Puts the request into an envelope, if that fits into the request's buffer; else it stays as it is. */
-void encipher_request(RA_CLIENT_S *client, const unsigned char *key) {
-    unsigned char envelope[sizeof client->request + PACKET_ENVELOPE_ROOM];
-    const int length = packet_encrypt(key, client->request, client->requestLength, envelope);
-    if (length < 1 || length > static_cast<int>(sizeof client->request)) return;
-    memcpy(client->request, envelope, static_cast<size_t>(length));
-    client->requestLength = length;
+/** Puts a datagram into an envelope, if that fits where it lies; else it stays as it is. Returns its length. */
+int encipher(const unsigned char *key, const ra::Draft &draft, int plain_length) {
+    unsigned char envelope[sizeof(RA_REQUEST_S::request) + PACKET_ENVELOPE_ROOM];
+    const int length = packet_encrypt(key, draft.bytes, plain_length, envelope);
+    if (length < 1 || length > draft.size) return plain_length;
+    memcpy(draft.bytes, envelope, static_cast<size_t>(length));
+    return length;
 }
 
-/** Puts the datagram together in the client, under the key that the server is listed with. Returns 0 or a code. */
-int build_request(RA_CLIENT_S *client, int argc, char **argv) {
+}  // namespace
+
+int ra::prepare(RA_CLIENT_S *client, int argc, int lent_socket) {
+    client->error[0] = 0;
+    if (argc > RA_MAX_STRINGS) return say::too_many(client, argc);
+    if (const int code = find_server(client); code != 0) return code;
+    if (client->socket < 0 && lent_socket < 0) return open_socket(client);
+    if (client->sequence == 0) client->sequence = first_sequence();
+    return 0;
+}
+
+int ra::build_request(const RA_CLIENT_S *client, const Draft &draft, int argc, char **argv) {
     int flags = PACKETKEYNONE;
     const unsigned char *key = packet_accesskey_by_ip(client->ip, &flags);
 
-    ByteWriter datagram(client->request, sizeof client->request);
+    ByteWriter datagram(draft.bytes, draft.size);
     if ((flags & PACKETKEYCLEAR) != 0) datagram.u8(IVS_TYPE_ACCK).bytes(key, IVS_KEY_SIZE);
-    datagram.u8(IVS_TYPE_RAUP).u8(RA_FUNCTION_SYNC).u8(0).raw32(client->sequence);
-    if (!write_strings(datagram, argc, argv)) return say::too_long(client);
-    client->requestLength = datagram.length();
-    if (key != nullptr) encipher_request(client, key);
-    return 0;
+    datagram.u8(IVS_TYPE_RAUP).u8(static_cast<unsigned>(draft.function)).u8(0).raw32(draft.sequence);
+    if (!write_strings(datagram, argc, argv)) return RAERRTOOLONG;
+    return key != nullptr ? encipher(key, draft, datagram.length()) : datagram.length();
+}
+
+// ---- Answers --------------------------------------------------------------------------------------------------
+
+std::optional<ra::Answer> ra::read_answer(unsigned char *packet, int length) {
+    ByteReader reader(packet, length);
+    Answer answer{};
+    answer.type = reader.u8();
+    answer.function = reader.u8();
+    reader.skip(1);
+    answer.sequence = reader.raw32();
+    answer.text = reinterpret_cast<char *>(packet) + RA_HEADER_SIZE;
+    answer.length = reader.left();
+    if (reader.ran_short()) return std::nullopt;
+    return answer;
+}
+
+int ra::take_answer(RA_CLIENT_S *client, unsigned char *packet, int length, const PacketAddress &peer) {
+    const std::optional<Answer> answer = read_answer(packet, length);
+    const bool is_from_server =
+        peer.sin_addr.s_addr == client->address->sin_addr.s_addr && peer.sin_port == client->address->sin_port;
+    if (!answer || !is_from_server) return NO_RESULT_YET;
+    if (answer->type != IVS_TYPE_RAUP || answer->sequence + 1 != client->sequence) return NO_RESULT_YET;
+
+    if (answer->function == RA_FUNCTION_REFUSED) return say::denied(client->error);
+    if (answer->function != RA_FUNCTION_RESULT) return NO_RESULT_YET;
+    client->resultCount = ra_split_strings(answer->text, answer->length, client->resultVector);
+    return client->resultCount;
 }
 
 // ---- Waiting for the answer -----------------------------------------------------------------------------------
 
-bool is_from_server(const RA_CLIENT_S *client, const PacketAddress &peer) {
-    return peer.sin_addr.s_addr == client->address->sin_addr.s_addr && peer.sin_port == client->address->sin_port;
-}
+namespace {
 
-/** The result of the running request, if this is its answer; else ENDED_BY_STOP. */
-int result_in(RA_CLIENT_S *client, unsigned char *packet, int length, const PacketAddress &peer) {
-    ByteReader reader(packet, length);
-    const uint8_t type = reader.u8();
-    const uint8_t function = reader.u8();
-    reader.skip(1);
-    const uint32_t sequence = reader.raw32();
+using Clock = std::chrono::steady_clock;  // a step of the wall clock neither ends nor prolongs a wait
 
-    const bool is_answer = type == IVS_TYPE_RAUP && !reader.ran_short() && sequence + 1 == client->sequence;
-    if (!is_answer || !is_from_server(client, peer)) return ENDED_BY_STOP;
-
-    if (function == RA_FUNCTION_REFUSED) return say::denied(client);
-    if (function != RA_FUNCTION_RESULT) return ENDED_BY_STOP;
-    client->resultCount =
-        ra_split_strings(reinterpret_cast<char *>(packet) + RA_HEADER_SIZE, reader.left(), client->resultVector);
-    return client->resultCount;
-}
+constexpr int DEFAULT_INTERVAL = 3;
+constexpr int DEFAULT_TRIES = 5;
 
 /** The running request, on its way through the run loop. */
 class Exchange {
@@ -219,7 +248,7 @@ void Exchange::run() {
 void Exchange::raclient_timer(void *context, timeval *) {
     auto *const self = static_cast<Exchange *>(context);
     RA_CLIENT_S *const client = self->client_;
-    if (Clock::now() >= self->until_) return self->end(say::no_answer(client));
+    if (Clock::now() >= self->until_) return self->end(ra::say::no_answer(client, client->error));
     packet_sendto(client->socket, client->request, client->requestLength, client->address, client->addressLength);
 }
 
@@ -228,8 +257,8 @@ void Exchange::raclient_reply_handler(void *context, timeval *, unsigned char *p
     auto *const self = static_cast<Exchange *>(context);
     PacketAddress peer;
     memcpy(&peer, address, sizeof peer);
-    const int result = result_in(self->client_, packet, length, peer);
-    if (result != ENDED_BY_STOP) self->end(result);
+    const int result = ra::take_answer(self->client_, packet, length, peer);
+    if (result != ra::NO_RESULT_YET) self->end(result);
 }
 
 /** Ends the loop. That is done with the mark by which signals stop the process: they are held back until it is set
@@ -248,20 +277,16 @@ void Exchange::end(int result) {
     }
 }
 
-// ---- End of objects -------------------------------------------------------------------------------------------
+// ---- End of a client ------------------------------------------------------------------------------------------
 
-void unlink_request(RA_CLIENT_S *client, RA_REQUEST_S *request) {
-    RA_REQUEST_LIST_S &pending = client->pending;
-    (request->previous != nullptr ? request->previous->next : pending.head) = request->next;
-    (request->next != nullptr ? request->next->previous : pending.tail) = request->previous;
-}
-
+/** A callback may destroy the client once more, or free requests of it: so nothing is kept across one but the head. */
 void destroy_client(RA_CLIENT_S *client) {
     client->tag = nullptr;  // from here on no callback can send, or delete, with it
-    RA_REQUEST_S *following = nullptr;
-    for (RA_REQUEST_S *request = client->pending.head; request != nullptr; request = following) {
-        following = request->next;
+    if (ra::holds(ra_server.clients, client)) ra::unlink(ra_server.clients, client);
+    while (RA_REQUEST_S *request = client->pending.head) {
         if (request->callback != nullptr) request->callback(request, request->user, RAERRDESTROYED);
+        if (client->pending.head != request) continue;
+        ra::unlink(client->pending, request);
         free(request);
     }
     if (client->socket >= 0) close(client->socket);
@@ -270,11 +295,18 @@ void destroy_client(RA_CLIENT_S *client) {
     free(client);
 }
 
+void destroy_request(RA_REQUEST_S *request) {
+    ra::unlink(request->client->pending, request);
+    free(request);
+}
+
 char *string_at(char **strings, int count, int index) {
     return index >= 0 && index < count ? strings[index] : nullptr;
 }
 
 }  // namespace
+
+// ---- Public calls ---------------------------------------------------------------------------------------------
 
 RA_CLIENT_S *raclient_udp_create(const char *host, uint16_t port, int interval, int tries) {
     constexpr char label[] = "raclient_udp_create";
@@ -284,7 +316,7 @@ RA_CLIENT_S *raclient_udp_create(const char *host, uint16_t port, int interval, 
     client->host = static_cast<char *>(process_memdup(label, host, static_cast<int>(strlen(host)) + 1));
     if (client->host == nullptr) return nullptr;
 
-    client->tag = client_tag;
+    client->tag = ra::client_tag;
     client->port = port;
     client->interval = interval < 1 ? DEFAULT_INTERVAL : interval;
     client->tries = tries < 1 ? DEFAULT_TRIES : tries;
@@ -293,53 +325,40 @@ RA_CLIENT_S *raclient_udp_create(const char *host, uint16_t port, int interval, 
 }
 
 void raclient_udp_destroy(void *object) {
-    RA_CLIENT_S *client = as_client(object);
-    if (client != nullptr) {
-        destroy_client(client);
-    } else if (as_request(object) != nullptr) {
-        free(object);
-    }
+    if (RA_CLIENT_S *client = ra::as_client(object)) return destroy_client(client);
+    if (RA_REQUEST_S *request = ra::as_request(object)) destroy_request(request);
 }
 
 int raclient_udp_request(RA_CLIENT_S *client, int argc, char **argv) {
-    if (as_client(client) == nullptr) return RAERRNOCLIENT;
-    client->error[0] = 0;
+    if (ra::as_client(client) == nullptr) return RAERRNOCLIENT;
     client->resultCount = 0;  // the buffer that the last results lie in is about to be used again
-    if (argc > RA_MAX_STRINGS) return say::too_many(client, argc);
+    if (const int code = ra::prepare(client, argc, -1); code != 0) return code;
 
-    int code = find_server(client);
-    if (code == 0) code = open_socket(client);
-    if (code == 0) code = build_request(client, argc, argv);
-    if (code != 0) return code;
+    const ra::Draft draft{client->request, sizeof client->request, RA_FUNCTION_SYNC, client->sequence};
+    client->requestLength = ra::build_request(client, draft, argc, argv);
+    if (client->requestLength < 0) return ra::say::too_long(client->error);
 
-    client->result = ENDED_BY_STOP;
+    client->result = ra::NO_RESULT_YET;
     client->deadline = time(nullptr) + static_cast<time_t>(client->interval) * client->tries;
     client->sequence += 1;
     if (process_context.running != 0) Exchange(client).run();
-    return client->result == ENDED_BY_STOP ? say::killed(client) : client->result;
+    return client->result == ra::NO_RESULT_YET ? ra::say::killed(client) : client->result;
 }
 
 char *raclient_errmsg(void *object) {
     static char not_an_object[] = "Invalid client pointer.";
-    if (RA_CLIENT_S *client = as_client(object)) return client->error;
-    if (RA_REQUEST_S *request = as_request(object)) return request->error;
+    if (RA_CLIENT_S *client = ra::as_client(object)) return client->error;
+    if (RA_REQUEST_S *request = ra::as_request(object)) return request->error;
     return not_an_object;
 }
 
 char *raclient_result(void *object, int index) {
-    RA_CLIENT_S *client = as_client(object);
-    if (client == nullptr) return raclient_request_result(as_request(object), index);
+    RA_CLIENT_S *client = ra::as_client(object);
+    if (client == nullptr) return raclient_request_result(ra::as_request(object), index);
     return string_at(client->resultVector, client->resultCount, index);
 }
 
 char *raclient_request_result(RA_REQUEST_S *request, int index) {
-    if (as_request(request) == nullptr) return nullptr;
+    if (ra::as_request(request) == nullptr) return nullptr;
     return string_at(request->resultVector, request->resultCount, index);
-}
-
-void raclient_request_delete(RA_CLIENT_S *client, RA_REQUEST_S *request) {
-    if (as_client(client) == nullptr || as_request(request) == nullptr) return;
-    if (request->client != client) return;  // linked elsewhere: taking it out of this list would tear both
-    unlink_request(client, request);
-    free(request);
 }

@@ -16,27 +16,6 @@ constexpr time_t SWEEP_SECONDS = 60;
 constexpr time_t REPORT_SECONDS = 60;
 constexpr time_t SESSION_IDLE_SECONDS = 60;
 
-// ---- Requests of this process's own clients -----------------------------------------------------------------------
-
-void send_again(RA_CLIENT_S *client, RA_REQUEST_S *request, time_t now) {
-    packet_sendto(request->socket, request->request, request->requestLength, client->address, client->addressLength);
-    request->lastSent = now;
-}
-
-// Stops behind a request that came to its end, since its callback may have changed both lists. Returns whether one did.
-bool serve_pending_requests(RA_SERVER_S &server) {
-    for (RA_CLIENT_S *client = server.clients.head; client != nullptr; client = client->next) {
-        for (RA_REQUEST_S *request = client->pending.head; request != nullptr; request = request->next) {
-            if (server.now > request->deadline) {
-                ra_request_finish(&server, client, request, RAERRTIMEOUT);
-                return true;
-            }
-            if (server.now > request->lastSent + client->interval) send_again(client, request, server.now);
-        }
-    }
-    return false;
-}
-
 // ---- Hook and sweep -----------------------------------------------------------------------------------------------
 
 void call_periodic_hook(RA_SERVER_S &server, struct timeval *now) {
@@ -125,8 +104,7 @@ void raserver_periodic(void *context, struct timeval *now) {
     RA_SERVER_S &server = *static_cast<RA_SERVER_S *>(context);
     server.now = now->tv_sec;
     if (server.isServer) raserver_status(&server, now, stderr);
-    while (serve_pending_requests(server)) {
-    }
+    ra_serve_pending_requests(&server);
     if (server.isServer) {
         ivs_srdp_packet_handle(server.udpSocket, now);
         call_periodic_hook(server, now);

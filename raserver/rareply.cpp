@@ -153,29 +153,6 @@ void serve(RA_SERVER_S &server, const Datagram &datagram) {
     refuse_unknown(server, datagram);
 }
 
-// ---- Answers to requests of this process ------------------------------------------------------------------------
-
-RA_CLIENT_S *client_of(RA_SERVER_S &server, const Datagram &datagram) {
-    for (RA_CLIENT_S *client = server.clients.head; client != nullptr; client = client->next) {
-        if (client->ip == datagram.ip && htons(client->port) == datagram.port_net) return client;
-    }
-    return nullptr;
-}
-
-RA_REQUEST_S *pending_request(RA_CLIENT_S *client, uint32_t sequence) {
-    for (RA_REQUEST_S *request = client->pending.head; request != nullptr; request = request->next) {
-        if (request->sequence == sequence) return request;
-    }
-    return nullptr;
-}
-
-bool has_client(const RA_SERVER_S &server, const RA_CLIENT_S *wanted) {
-    for (const RA_CLIENT_S *client = server.clients.head; client != nullptr; client = client->next) {
-        if (client == wanted) return true;
-    }
-    return false;
-}
-
 std::vector<uint32_t> own_addresses;  // network order
 
 }  // namespace
@@ -200,37 +177,6 @@ void ra_reply(void *context, struct timeval *now, unsigned char *packet, int len
     serve(server, datagram);
     // A status that was asked for while the packet was served is given up; this order is meant.
     server.statusWanted = 0;
-}
-
-void raclient_udp_reply(RA_SERVER_S *context, unsigned char *packet, int length, void *address) {
-    const Datagram datagram = datagram_from(packet, length, address, sizeof(PacketAddress));
-    RA_CLIENT_S *client = client_of(*context, datagram);
-    if (client == nullptr) return;
-
-    ByteReader reader(packet, length);
-    if (reader.u8() != IVS_TYPE_RAUA) return;
-    const int function = reader.u8();
-    reader.u8();  // reserved
-    RA_REQUEST_S *request = pending_request(client, reader.raw32());
-    if (request == nullptr || reader.ran_short()) return;
-
-    if (function == RA_FUNCTION_REFUSED) {
-        process_strlcpy(request->error, sizeof request->error, "Request denied by server.");
-        ra_request_finish(context, client, request, RAERRDENIED);
-    } else if (function == RA_FUNCTION_RESULT) {
-        request->resultCount = ra_split_strings(reinterpret_cast<char *>(packet) + RA_HEADER_SIZE,
-                                                length - RA_HEADER_SIZE, request->resultVector);
-        ra_request_finish(context, client, request, request->resultCount);
-    }
-}
-
-void ra_request_finish(RA_SERVER_S *context, RA_CLIENT_S *client, RA_REQUEST_S *request, int result) {
-    const uint32_t sequence = request->sequence;
-    if (request->callback != nullptr) request->callback(request, request->user, result);
-    // The callback may have deleted the request, or destroyed the client with all of its requests.
-    if (has_client(*context, client) && pending_request(client, sequence) == request) {
-        raclient_request_delete(client, request);
-    }
 }
 
 void ra_learn_own_addresses(void) {

@@ -26,23 +26,23 @@ enum { RAEXITPORT = 101, RAEXITMEM = 102, RAEXITSOCKET = 104 };
 
 /** What the server remembers of a peer, so that a repeated request has its effect only once. */
 struct RA_SESSION_S {
-    uint32_t sessionId;         /* 0 for synchronous requests, else the sequence number */
-    uint32_t peerIp;            /* network order */
-    uint16_t peerPort;          /* network order */
-    uint32_t sequence;          /* of the last request answered, in the client's own byte order */
-    time_t created;             /* ra_server.now at creation */
-    time_t lastUsed;            /* the same at the last reply or replay */
-    long packets;               /* replies sent, replays not counted */
-    unsigned char *reply;       /* while a request runs, the header position of the static reply buffer; afterwards
+    uint32_t sessionId;        /* 0 for synchronous requests, else the sequence number */
+    uint32_t peerIp;           /* network order */
+    uint16_t peerPort;         /* network order */
+    uint32_t sequence;         /* of the last request answered, in the client's own byte order */
+    time_t created;            /* ra_server.now at creation */
+    time_t lastUsed;           /* the same at the last reply or replay */
+    long packets;              /* replies sent, replays not counted */
+    unsigned char *reply;      /* while a request runs, the header position of the static reply buffer; afterwards
                                    an own copy of the last datagram sent; may be null */
-    unsigned int replyLength;   /* bytes of result strings */
-    unsigned int headerLength;  /* bytes in front of them */
-    int argc;                   /* strings of the running request, else 0 */
+    unsigned int replyLength;  /* bytes of result strings */
+    unsigned int headerLength; /* bytes in front of them */
+    int argc;                  /* strings of the running request, else 0 */
     char **argv;
-    struct RA_SESSION_S *previous, *next;          /* list of all sessions, newest first */
+    struct RA_SESSION_S *previous, *next; /* list of all sessions, newest first */
     /* Of our own, behind the published fields: */
-    struct RA_SESSION_S *idlePrevious, *idleNext;  /* list of all sessions by use, longest idle first */
-    unsigned int savedLength;                      /* bytes of the own copy in reply; 0 while there is none */
+    struct RA_SESSION_S *idlePrevious, *idleNext; /* list of all sessions by use, longest idle first */
+    unsigned int savedLength;                     /* bytes of the own copy in reply; 0 while there is none */
 };
 
 /** A TCP connection: one HTTP request and its answer. Pointers into the input move along when that grows. */
@@ -96,81 +96,79 @@ typedef struct RA_REQUEST_LIST_S {
     RA_REQUEST_S *head, *tail;
 } RA_REQUEST_LIST_S;
 
-typedef void (*RA_CALLBACK)(RA_REQUEST_S *request, void *user, int result);
-
 /** The server context: time, sockets, counters, lists, hooks. */
 typedef struct RA_SERVER_S {
-    time_t now;                       /* time of the current event; read instead of the clock */
-    time_t lastReport;                /* when the minute statistics were last logged */
-    uint16_t port;                    /* UDP port, host order */
-    uint32_t localIp;                 /* configured bind address, network order; 0 for none */
+    time_t now;        /* time of the current event; read instead of the clock */
+    time_t lastReport; /* when the minute statistics were last logged */
+    uint16_t port;     /* UDP port, host order */
+    uint32_t localIp;  /* configured bind address, network order; 0 for none */
     int udpSocket;
-    int isServer;                     /* status header, periodic hook, minute report */
-    struct timeval periodicInterval;  /* how often onPeriodic is called */
-    struct timeval tick;              /* how often raserver_periodic runs */
-    struct timeval nextPeriodic;      /* when onPeriodic is next due */
+    int isServer;                    /* status header, periodic hook, minute report */
+    struct timeval periodicInterval; /* how often onPeriodic is called */
+    struct timeval tick;             /* how often raserver_periodic runs */
+    struct timeval nextPeriodic;     /* when onPeriodic is next due */
     volatile sig_atomic_t statusWanted;
     unsigned long zeroPackets;
     unsigned long unknownPackets;
     unsigned long udpRequests;
     unsigned long udpReplays;
-    PAA_S *sessionTable;              /* made at the first session */
+    PAA_S *sessionTable; /* made at the first session */
     unsigned long sessionCount;
     unsigned long sessionTotal;
     RA_SESSION_LIST_S sessions;
     RA_CONN_LIST_S connections;
     long connCount, connTotal;
-    RA_CLIENT_LIST_S clients;         /* clients that live inside this server */
+    RA_CLIENT_LIST_S clients; /* clients that live inside this server */
     void (*onUdpRequest)(RA_SESSION_S *session, int argc, char **argv);
     void (*onHttpRequest)(RA_CONN_S *connection);
     void (*onShutdown)(int code);
     void (*onPeriodic)(struct timeval *now);
     int tcpSocket;
     uint16_t tcpPort;
-    const char *tcpHost;              /* not owned */
+    const char *tcpHost; /* not owned */
     uint32_t tcpIp;
     /* Of our own, behind the published fields: */
-    RA_SESSION_LIST_S idleSessions;   /* sessions by use, longest idle first */
-    unsigned long savedReplyBytes;    /* of all sessions together */
-    time_t lastSweep;                 /* when idle sessions were last swept away; 0: never */
-    unsigned long droppedSessions;    /* sessions given up to keep within the limits, ever */
-    time_t lastDropReport;            /* when that was last logged */
+    RA_SESSION_LIST_S idleSessions; /* sessions by use, longest idle first */
+    unsigned long savedReplyBytes;  /* of all sessions together */
+    time_t lastSweep;               /* when idle sessions were last swept away; 0: never */
+    unsigned long droppedSessions;  /* sessions given up to keep within the limits, ever */
+    time_t lastDropReport;          /* when that was last logged */
 } RA_SERVER_S;
 
 extern RA_SERVER_S ra_server;
 
 /** A client object. */
 struct RA_CLIENT_S {
-    const char *tag;                      /* points to a constant text that marks the kind of object */
-    char *host;
-    uint32_t ip;                          /* resolved address, network order */
-    uint16_t port;                        /* host order */
-    PacketAddress *address;               /* made at the first request */
+    const char *tag;        /* "RA server client": the library's own text, told by its address */
+    char *host;             /* owned */
+    uint32_t ip;            /* resolved address, network order */
+    uint16_t port;          /* host order */
+    PacketAddress *address; /* owned; made at the first request */
     int addressLength;
-    uint32_t sequence;                    /* next number; random start */
-    time_t deadline;                      /* of the running blocking request */
-    int interval;                         /* seconds between sends */
-    int tries;                            /* intervals to wait */
-    int socket;                           /* -1 until first use */
-    int result;                           /* outcome of the running request */
+    uint32_t sequence; /* next number; random start, unless the program sets one */
+    time_t deadline;   /* of the running blocking request */
+    int interval;      /* seconds between sends */
+    int tries;         /* intervals to wait */
+    int socket;        /* -1 until first use; closed with the client. A program may lend its own */
+    int result;        /* outcome of the running request */
     char error[1024];
-    unsigned char request[32044];         /* the datagram in full */
+    unsigned char request[32044]; /* the datagram in full */
     int requestLength;
     int resultCount;
     char *resultVector[RA_MAX_STRINGS + 1];
     RA_REQUEST_LIST_S pending;
-    RA_CLIENT_S *next, *previous;         /* in ra_server.clients */
+    RA_CLIENT_S *next, *previous; /* in ra_server.clients */
 };
 
-/** One asynchronous request. */
+/** One asynchronous request. Its times are those of ra_server.now. */
 struct RA_REQUEST_S {
-    const char *tag;
-    int socket;
+    const char *tag; /* "RA server request", as above */
+    int socket;      /* that it is sent from: the client's at the time of the first send */
     uint32_t sequence;
     time_t deadline;
     time_t lastSent;
-    RA_CLIENT_S *client;
-    RA_REQUEST_S *next, *previous;        /* in the client's pending list */
+    RA_CLIENT_S *client;           /* owner */
+    RA_REQUEST_S *next, *previous; /* in the client's pending list */
     RA_CALLBACK callback;
     void *user;
     int resultCount;
@@ -258,10 +256,12 @@ void ra_reply(void *context, struct timeval *now, unsigned char *packet, int len
 /** Serves an RA request: checks, session, replay, hook, reply. */
 void raserver_udp_request(RA_SERVER_S *context, unsigned char *packet, int length, void *address, int addressSize);
 
-/** Takes the answer to an asynchronous request of a client inside this server, and calls its callback. */
+/** Takes the answer to an asynchronous request of a client in `clients`, calls its callback and deletes it. A datagram
+ *  that is none (another peer, another number, cut short, neither result nor refusal) is passed over. */
 void raclient_udp_reply(RA_SERVER_S *context, unsigned char *packet, int length, void *address);
 
-/** The tick: status, resends of clients, the periodic hook, and once a minute the sweeps and the report. */
+/** The tick: status, resends and time-outs of clients' requests, the periodic hook, and once a minute the sweeps and the
+ *  report. */
 void raserver_periodic(void *context, struct timeval *now);
 
 /** Prints the status to `stream` if one is wanted; `now` null means the shutdown form. */

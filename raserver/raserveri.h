@@ -67,8 +67,9 @@ extern RA_CONN_STATS_S ra_conn_total;
 /** Counts a connection that is closed at `now`. */
 void ra_conn_count(time_t now, unsigned int bytesIn, unsigned int bytesOut);
 
-/** Ends an asynchronous request: calls its callback, if any, with `result`, and deletes it unless the callback did. */
-void ra_request_finish(RA_SERVER_S *context, RA_CLIENT_S *client, RA_REQUEST_S *request, int result);
+/** Goes through the asynchronous requests of all clients in the server record: what is due goes out again, what has
+ *  waited too long ends. */
+void ra_serve_pending_requests(RA_SERVER_S *context);
 
 /** The wall clock was set by `seconds`: moves all stored times along, so that nothing comes due early or late. */
 void ra_clock_was_set(RA_SERVER_S *context, time_t seconds);

@@ -9,14 +9,12 @@
 #include <fcntl.h>
 #include <getopt.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <filesystem>
@@ -31,6 +29,7 @@
 #include "process/printable.h"
 #include "process/velproc.h"
 #include "raserver/raextern.h"
+#include "tools/usage.h"
 
 namespace {
 
@@ -88,27 +87,6 @@ struct Arguments {
     seconds wait{5};
     int pings = 4;
 };
-
-[[noreturn]] __attribute__((format(printf, 1, 2))) void wrong_usage(const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    fputs("ractl: ", stderr);
-    vfprintf(stderr, format, arguments);
-    va_end(arguments);
-    fprintf(stderr, "\n%s", SHORT_USAGE);
-    exit(REFUSED_OR_USAGE);
-}
-
-/** Tells a failure; gives back the exit status that goes with it. */
-__attribute__((format(printf, 2, 3))) int fail(ExitStatus status, const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    fputs("ractl: ", stderr);
-    vfprintf(stderr, format, arguments);
-    va_end(arguments);
-    fputc('\n', stderr);
-    return status;
-}
 
 /* ---- Finding the server, sending, waiting --------------------------------------------------------------------------- */
 
@@ -476,16 +454,6 @@ int list(const Arguments &given) {
 
 /* ---- Arguments ------------------------------------------------------------------------------------------------------------ */
 
-int number(const char *meaning, std::string_view text, int least, int largest) {
-    int value = 0;
-    const char *end = text.data() + text.size();
-    const auto [stopped, error] = std::from_chars(text.data(), end, value);
-    if (error != std::errc() || stopped != end || value < least || value > largest) {
-        wrong_usage("%s must be a whole number from %d to %d, not \"%s\"", meaning, least, largest, text.data());
-    }
-    return value;
-}
-
 bool is_number(std::string_view text) {
     return !text.empty() &&
            std::all_of(text.begin(), text.end(), [](char each) { return process_isdigit(each) != 0; });
@@ -559,6 +527,8 @@ int run(const Arguments &given) {
 }
 
 }  // namespace
+
+const Tool this_tool = {"ractl", SHORT_USAGE, REFUSED_OR_USAGE};
 
 int main(int argc, char **argv) {
     become_a_process();

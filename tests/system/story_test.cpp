@@ -47,14 +47,18 @@ TEST_F(Story, OfLinesThatValuesCanNotBreak) {
 
 TEST_F(Story, OfRequestsThatFail) {
     const ProgramEnd refused = raclient({"what"});
-    EXPECT_EQ(refused.code, 1);
+    EXPECT_EQ(refused.code, 3);
     EXPECT_EQ(refused.output, "");
     EXPECT_EQ(refused.errors, "raclient: Request denied by server.\n");
 
     const std::string port = std::to_string(free_port());
-    const ProgramEnd unheard = run_program({"raclient", "-i", "1", "-n", "1", "127.0.0.1", port, "DB"});
-    EXPECT_EQ(unheard.code, 1);
-    EXPECT_EQ(unheard.errors, "raclient: Timeout, raserver 127.0.0.1:" + port + " does not answer.\n");
+    const ProgramEnd unheard = run_program({"raclient", "-i", "1", "-n", "1", "127.0.0.1", port, "DB"}, {"VELROOT="});
+    EXPECT_EQ(unheard.code, 4);
+    EXPECT_EQ(unheard.errors,
+              "raclient: Timeout, raserver 127.0.0.1:" + port +
+                  " does not answer.\nraclient: It was sent without an access key; a server that wants "
+                  "one keeps silent: name its keys by -VELROOT DIR, its root directory, or by -k "
+                  "KEYFILE.\n");
 
     Strings many(1501, "x");
     EXPECT_EQ(raclient(many).errors, "raclient: Too many arguments: 1501!\n");
