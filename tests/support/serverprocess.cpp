@@ -122,7 +122,8 @@ ServerProcess::~ServerProcess() {
 }
 
 Strings ServerProcess::arguments() const {
-    const std::string database = settings_.database.empty() ? "sqlite:" + database_file() : settings_.database;
+    const std::string database =
+        settings_.database.empty() ? "sqlite:" + database_file() + settings_.databaseOptions : settings_.database;
     Strings words{VELMORA_BIN_DIR "/raserver"};
     words.insert(words.end(), settings_.options.begin(), settings_.options.end());
     const std::string port = std::to_string(port_);

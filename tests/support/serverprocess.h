@@ -36,6 +36,7 @@ public:
         Strings environment = {};               // NAME=value, besides the test's own
         std::string names = "";                 // content of the file that maps logical names to physical ones
         std::string database = "";              // value of -odb; empty: the file that sql() works on
+        std::string databaseOptions = "";       // behind that file's name
         bool checkKeys = false;                 // leave -NOACCESSKEYCHECK out
         const char *host = "127.0.0.1";         // address to bind to
         const ServerProcess *beside = nullptr;  // take this one's port and root folder

@@ -14,6 +14,7 @@
 
 #include "ivs/ivssrdpi.h"
 #include "tests/packet/sockets.h"
+#include "tests/support/badline.h"
 #include "tests/support/bytes.h"
 
 namespace {
@@ -101,40 +102,32 @@ private:
     Child child_;
 };
 
-/** One direction of the line. */
+/** One direction of the line, with a count of what went in and came out. */
 class Line {
 public:
-    Line(int socket, PacketAddress to, Seeded &random) : socket_(socket), to_(to), random_(random) {}
+    Line(int socket, PacketAddress to, Seeded &random)
+        : line_({30, 10, 10, TICKS_A_SECOND}, random, [this, socket, to](const std::string &datagram) {
+              sendto(socket, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
+              note(datagram);
+          }) {}
 
     void take(int tick, const std::string &datagram) {
         taken++;
-        const unsigned fate = random_() % 100;
-        if (fate < 30) return;
-        if (fate < 40) deliver(datagram);
-        if (fate < 50) {
-            held_.emplace(tick + 1 + random_() % TICKS_A_SECOND, datagram);
-        } else {
-            deliver(datagram);
-        }
+        line_.take(tick, datagram);
     }
-    void release(int tick) {
-        while (!held_.empty() && held_.begin()->first <= tick) deliver(held_.extract(held_.begin()).mapped());
-    }
+    void release(int tick) { line_.release(tick); }
+
     unsigned long taken = 0, delivered = 0;
     std::set<uint32_t> numbers;  // of the packets of which a copy got through
 
 private:
-    void deliver(const std::string &datagram) {
-        sendto(socket_, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&to_), sizeof to_);
+    void note(const std::string &datagram) {
         delivered++;
         uint32_t number = 0;
         if (datagram.size() >= 9) memcpy(&number, datagram.data() + 5, sizeof number);
         numbers.insert(number);
     }
-    int socket_;
-    PacketAddress to_;
-    Seeded &random_;
-    std::multimap<int, std::string> held_;
+    BadLine line_;
 };
 
 /** The datagrams that have arrived at a socket. */
@@ -149,9 +142,9 @@ void drain(int socket, Take take) {
     }
 }
 
-class BadLine : public SocketTest {
+class OverABadLine : public SocketTest {
 protected:
-    BadLine() {
+    OverABadLine() {
         process_context.noAccessKeyCheck = 1;
         packet_bound_ip = LOOPBACK;
     }
@@ -160,7 +153,7 @@ protected:
     const PacketAddress relay = name_of(nearSender.get());
 };
 
-TEST_F(BadLine, EveryPacketOfWhichACopyGetsThroughIsHandedUpOnce) {
+TEST_F(OverABadLine, EveryPacketOfWhichACopyGetsThroughIsHandedUpOnce) {
     Seeded random;
     Side sender(
         [&](int socket, int tick) {
