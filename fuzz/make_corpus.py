@@ -238,10 +238,49 @@ def http_requests():
     yield "blank-lines", b"\0POST /a\nContent-length: 3\n\n\n\n\n\n"
 
 
+def lines():
+    yield "usual", b"DB G USERS ID anna NAME\n"
+    yield "quoted", b'DB U USERS ID "" NAME "Anna Berg" CITY "say \\"hi\\""\n'
+    yield "not-closed", b'DB "open end'
+    yield "closed-by-line", b'"one\n"two\n'
+    yield "lone-quote", b' "'
+    yield "quotes", b'""""" "\\"" \\" "\\'
+    yield "adjoining", b'"a"b"c" d"e f"'
+    yield "white", b" \t\v\f\r\n\x0b\x1c\x85\xa0 "
+    yield "backslashes", b'"\\\\" x" "\\\\\\" \\n"'
+    yield "zero-byte", b"one\0two"
+    yield "many", b"w " * 1600
+    yield "nothing", b""
+
+
+def answers():
+    def packet(*strings, kind=RAUP, function=2, number=b"\1\2\3\4", stranger=0):
+        return bytes([stranger, kind, function, 0]) + number + text(*strings)
+
+    yield "result", packet("0", "Anna Berg", "")
+    yield "unterminated", packet("0", "Anna")[:-1]
+    yield "empty", packet()
+    yield "empty-strings", packet(*[""] * 40)
+    yield "many", packet(*["x"] * 1600)
+    yield "long", packet("y" * 31998)
+    yield "refused", packet(function=3)
+    for function in (0, 1, 4, 255):
+        yield f"function-{function}", packet("0", function=function)
+    yield "asynchronous", packet("0", "Anna", kind=RAUA)
+    yield "asynchronous-refused", packet(kind=RAUA, function=3)
+    yield "other-type", packet("0", kind=PING)
+    yield "other-number", packet("0", number=b"\1\2\3\5")
+    yield "stranger", packet("0", stranger=1)
+    yield "asynchronous-stranger", packet("0", kind=RAUA, stranger=1)
+    for length in (0, 1, 2, 3, 6):
+        yield f"short-{length}", packet()[:1 + length]
+
+
 TARGETS = {
     "request": requests, "envelope": envelopes, "trace": traces, "expander": expansions, "config": configurations,
     "placeholders": statements, "srdp": conversations, "admin": orders, "ipmap": mappings,
     "http": http_requests,
+    "words": lines, "reply": answers,
 }
 
 for target, seeds in TARGETS.items():

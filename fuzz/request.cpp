@@ -68,6 +68,7 @@ void take_answer(RA_REQUEST_S *request, void *, int result) {
     }
     request->resultCount = 0;
     request->resultVector[0] = nullptr;
+    request->callback = take_answer;
 }
 
 /** A client inside the server, with a request that stays open: without a tag, the library doesn't free it. */

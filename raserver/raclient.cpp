@@ -284,7 +284,7 @@ void destroy_client(RA_CLIENT_S *client) {
     client->tag = nullptr;  // from here on no callback can send, or delete, with it
     if (ra::holds(ra_server.clients, client)) ra::unlink(ra_server.clients, client);
     while (RA_REQUEST_S *request = client->pending.head) {
-        if (request->callback != nullptr) request->callback(request, request->user, RAERRDESTROYED);
+        ra::call_back(request, RAERRDESTROYED);
         if (client->pending.head != request) continue;
         ra::unlink(client->pending, request);
         free(request);

@@ -7,6 +7,8 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <utility>
+
 #include "packet/packet.h"
 #include "packet/typecodes.h"
 #include "process/velproc.h"
@@ -48,10 +50,10 @@ RA_REQUEST_S *make_request(RA_CLIENT_S *client, RA_CALLBACK callback, void *user
     return request;
 }
 
-/** Calls the callback, if any, and deletes the request unless the callback did. */
+/** Ends a request: calls its callback, and deletes it unless the callback did. */
 void finish(const RA_SERVER_S &server, RA_CLIENT_S *client, RA_REQUEST_S *request, int result) {
     const uint32_t sequence = request->sequence;
-    if (request->callback != nullptr) request->callback(request, request->user, result);
+    ra::call_back(request, result);
     if (ra::holds(server.clients, client) && pending_request(client, sequence) == request) {
         raclient_request_delete(client, request);
     }
@@ -84,6 +86,11 @@ bool serve_until_one_ends(const RA_SERVER_S &server) {
 }
 
 }  // namespace
+
+void ra::call_back(RA_REQUEST_S *request, int result) {
+    const RA_CALLBACK callback = std::exchange(request->callback, nullptr);
+    if (callback != nullptr) callback(request, request->user, result);
+}
 
 extern "C" {
 

@@ -76,6 +76,10 @@ struct Draft {
  *  front, and with the whole in an envelope if that fits. Returns the datagram's length, or RAERRTOOLONG. */
 int build_request(const RA_CLIENT_S *client, const Draft &draft, int argc, char **argv);
 
+/** Calls an asynchronous request's callback, if it was not called yet: once and never again, also if the callback
+ *  destroys the client with all that is pending. The request may be gone afterwards. */
+void call_back(RA_REQUEST_S *request, int result);
+
 // ---- Answers -------------------------------------------------------------------------------------------------------------
 
 struct Answer {

@@ -155,7 +155,8 @@ RA_CLIENT_S *raclient_udp_create(const char *host, uint16_t port, int interval, 
 /** For a client: takes it out of the server record if it is linked there, calls the callback of each pending request
  *  with RAERRDESTROYED, closes the socket in its field (a program that lent it one sets the field to -1 before), and
  *  frees everything. For a request: unlinks and frees it, its callback is not called. Anything else, null among it, is
- *  left alone. May be called in any callback, also for the client or the request that the callback is about. */
+ *  left alone. May be called in any callback, also for the client or the request that the callback is about: both are
+ *  gone when it returns, and no callback is called twice. */
 void raclient_udp_destroy(void *object);
 
 /** Sends a request and waits for the answer, sending again every interval. A process runs one at a time. While it waits

@@ -336,6 +336,51 @@ TEST_F(Client, TellsWhyItCantBegin) {
     EXPECT_EQ(child.exit_code(), 0);
 }
 
+TEST_F(Client, RunsAScript) {
+    FakeServer server(echo);
+    connect_to(server);
+    char script[] =
+        "# a comment\n\n  \t\nDB G \"two words\" \"\"\n  #x \"not sent\"\n\"say \\\"hi\\\"\" back\\slash\nlast "
+        "\"open end";
+    OwnedFile stream(fmemopen(script, strlen(script), "r"));
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(raclient_udp_script(client, stream.get()), 8);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "DB\nG\ntwo words\n\nsay \"hi\"\nback\\slash\nlast\nopen end\n");
+    EXPECT_EQ(server.stop().size(), 3U);
+    EXPECT_EQ(raclient_udp_script(nullptr, stream.get()), RAERRNOCLIENT);
+    stream.reset(fopen("/", "re"));
+    EXPECT_EQ(raclient_udp_script(client, stream.get()), -1);
+    process_context.running = 0;
+    EXPECT_EQ(raclient_udp_script(client, stream.get()), RAERRKILLED);
+    EXPECT_STREQ(raclient_errmsg(client), "The process has been killed!");
+}
+
+TEST(Words, FollowTheirRules) {
+    const std::vector<std::pair<std::string, Strings>> rows{
+        {"", {}},
+        {" \t\v\f\r\n", {}},
+        {"a  b\tc\n", {"a", "b", "c"}},
+        {"a\"b\" c", {"a\"b\"", "c"}},
+        {"\"a\"b", {"a", "b"}},
+        {"\"a b\nc", {"a b", "c"}},
+        {"\"\" \"", {""}},
+        {"\"\n", {""}},
+        {R"("a\"b" "c\d")", {R"(a"b)", R"(c\d)"}},
+        {R"("\\" x")", {R"(\" x)"}},
+        {R"("end\)", {R"(end\)"}},
+        {"\xa0 \x01", {"\xa0", "\x01"}},
+    };
+    for (const auto &[line, expected] : rows) {
+        std::string text = line;
+        char *position = text.data();
+        Strings words;
+        while (const char *word = raclient_next_word(&position)) words.emplace_back(word);
+        EXPECT_EQ(words, expected) << line;
+        EXPECT_EQ(position, text.data() + text.size());
+    }
+}
+
 TEST_F(Client, IsKnownByItsTag) {
     RA_CLIENT_S foreign{};
     foreign.tag = "RA server client ";

@@ -1,0 +1,210 @@
+/* Asynchronous requests: many open at once, answered, refused, timed out or destroyed, in time that the test gives. */
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <algorithm>
+#include <functional>
+#include <map>
+
+#include "process/owned.h"
+#include "process/velproc.h"
+#include "raserver/raserver.h"
+#include "tests/support/bytes.h"
+#include "tests/support/testclient.h"
+
+namespace {
+
+using Callback = std::function<void(RA_REQUEST_S *request, int result)>;
+void call(RA_REQUEST_S *request, void *user, int result) { (*static_cast<Callback *>(user))(request, result); }
+
+PacketAddress name_of(const OwnedFd &socket) {
+    PacketAddress address{};
+    socklen_t size = sizeof address;
+    getsockname(socket.get(), reinterpret_cast<sockaddr *>(&address), &size);
+    return address;
+}
+
+class AsyncClient : public testing::Test {
+protected:
+    AsyncClient() {
+        process_context.silent = 1;
+        process_context.noAccessKeyCheck = 1;
+        ra_server = RA_SERVER_S{};
+        tick(0);
+        client = raClientAdd("127.0.0.1", ntohs(peer.sin_port), 3, 5);
+        client->socket = own.get();
+    }
+    ~AsyncClient() override {
+        own.release();  // closed with the client
+        while (ra_server.clients.head != nullptr) raClientRemove(ra_server.clients.head);
+        ra_server = RA_SERVER_S{};
+        process_context = before_;
+    }
+
+    void tick(time_t seconds) {
+        timeval now{START + seconds, 0};
+        raserver_periodic(&ra_server, &now);
+    }
+    int ask(Strings strings, Callback *callback) {
+        std::vector<char *> words;
+        for (std::string &text : strings) words.push_back(text.data());
+        return raUdpRequest(-1, client, static_cast<int>(words.size()), words.data(),
+                            callback != nullptr ? call : nullptr, callback);
+    }
+    /** What has arrived at the server since the last time. */
+    Strings arrived() const {
+        Strings datagrams;
+        char bytes[40000];
+        for (ssize_t length; (length = recv(server.get(), bytes, sizeof bytes, MSG_DONTWAIT)) >= 0;) {
+            datagrams.emplace_back(bytes, static_cast<size_t>(length));
+        }
+        return datagrams;
+    }
+    static std::string answer(const std::string &request, const Strings &strings, int function = 2, int type = 62) {
+        std::string datagram = request_datagram(0, strings, function);
+        datagram[0] = static_cast<char>(type);
+        return datagram.replace(3, 4, request, 3, 4);
+    }
+    void deliver(const std::string &datagram, const PacketAddress &from) {
+        std::string room = datagram + std::string(65, '\0');
+        timeval now{START, 0};
+        PacketAddress address = from;
+        ra_reply(&ra_server, &now, reinterpret_cast<unsigned char *>(room.data()), static_cast<int>(datagram.size()),
+                 &address, sizeof address);
+    }
+    void deliver(const std::string &datagram) { deliver(datagram, peer); }
+
+    static constexpr time_t START = 1000000000;
+    const OwnedFd server{packet_clt_socket_ip(htonl(INADDR_LOOPBACK))};
+    OwnedFd own{packet_clt_socket_ip(htonl(INADDR_LOOPBACK))};
+    const PacketAddress peer = name_of(server);
+    RA_CLIENT_S *client;
+
+private:
+    const PROCESS_S before_ = process_context;
+};
+
+TEST_F(AsyncClient, HasEachOfTwoHundredCallbacksCalledOnce) {
+    constexpr size_t OPEN = 200;
+    Seeded random;
+    std::map<size_t, Strings> outcomes;  // by request: each callback's result, and the first string
+    std::vector<Callback> callbacks;
+    for (size_t number = 0; number < OPEN; ++number) {
+        callbacks.emplace_back([&, number](RA_REQUEST_S *request, int result) {
+            const char *first = raclient_request_result(request, 0);
+            outcomes[number].push_back(std::to_string(result) +
+                                       (first != nullptr ? first : raclient_errmsg(request)));
+        });
+    }
+    Strings requests;
+    for (size_t number = 0; number < OPEN; ++number) {
+        ASSERT_EQ(ask({std::to_string(number), "x"}, &callbacks[number]), 0);
+        const Strings sent = arrived();
+        ASSERT_EQ(sent.size(), 1U);
+        EXPECT_EQ(sent[0].substr(0, 3), (std::string{61, 4, 0}));
+        requests.push_back(sent[0]);
+    }
+
+    // By number modulo 4: answered, refused, left to time out, still open at the end.
+    std::vector<size_t> order(OPEN);
+    for (size_t at = 0; at < OPEN; ++at) order[at] = at;
+    std::shuffle(order.begin(), order.end(), random);
+    const auto stranger = name_of(own);
+    for (const size_t number : order) {
+        const std::string &request = requests[number];
+        deliver(answer(request, {"stranger"}), stranger);
+        deliver(answer(request, {"other type"}, 2, 61));
+        deliver(answer(request, {"other function"}, 4));
+        deliver(answer(request, {}).substr(0, 6));
+        for (int copy = 0; copy < 2; ++copy) {
+            if (number % 4 == 0) deliver(answer(request, {std::to_string(number), "and more"}));
+            if (number % 4 == 1) deliver(answer(request, {}, 3));
+        }
+    }
+    // Even numbers are to time out now, odd ones are to see the end of the client.
+    for (RA_REQUEST_S *each = client->pending.head; each != nullptr; each = each->next) {
+        if (reply_strings(std::string(each->request, each->request + each->requestLength))[0].back() % 2 != 0) {
+            each->deadline += 100;
+        }
+    }
+    std::map<size_t, Strings> expected;
+    const std::string timeout =
+        "-7Timeout, raserver 127.0.0.1:" + std::to_string(ntohs(peer.sin_port)) + " does not answer.";
+    tick(16);
+    raClientRemove(client);
+    own.release();
+    for (size_t number = 0; number < OPEN; ++number) {
+        const Strings by_kind{"2" + std::to_string(number), "-10Request denied by server.", timeout, "-11"};
+        expected[number] = {by_kind[number % 4]};
+    }
+    EXPECT_EQ(outcomes, expected);
+}
+
+TEST_F(AsyncClient, SendsAgainAfterTheIntervalUntilTheDeadline) {
+    Callback ignore = [](RA_REQUEST_S *, int) {};
+    EXPECT_EQ(ask({"once"}, nullptr), 0);
+    EXPECT_EQ(ask({"more"}, &ignore), 0);
+    const Strings sent = arrived();
+    ASSERT_EQ(sent.size(), 2U);
+    for (const auto &[second, again] : std::map<time_t, bool>{{3, false}, {4, true}, {7, false}, {8, true}}) {
+        tick(second);
+        EXPECT_EQ(arrived(), again ? sent : Strings{}) << second;
+    }
+    tick(15);
+    EXPECT_EQ(arrived(), sent);
+    tick(16);
+    EXPECT_EQ(client->pending.head, nullptr) << "also without a callback";
+}
+
+TEST_F(AsyncClient, RefusesWhatItCantSend) {
+    EXPECT_EQ(ask(Strings(1501, "s"), nullptr), RAERRTOOMANY);
+    EXPECT_STREQ(raclient_errmsg(client), "Too many arguments: 1501!");
+    EXPECT_EQ(ask({std::string(32000, 'x')}, nullptr), RAERRTOOLONG);
+    EXPECT_STREQ(raclient_errmsg(client), "Arguments to long: More than 32000 bytes!");
+    EXPECT_EQ(client->pending.head, nullptr);
+    EXPECT_EQ(raUdpRequest(-1, nullptr, 0, nullptr, nullptr, nullptr), RAERRNOCLIENT);
+    EXPECT_EQ(ask({std::string(31999, 'x')}, nullptr), 0);
+    EXPECT_STREQ(raclient_errmsg(client), "");
+}
+
+/** What a callback may do to what it is about, whatever ended its request. */
+TEST_F(AsyncClient, SurvivesWhatCallbacksDo) {
+    const std::map<std::string, Callback> deeds{
+        {"destroy the client", [&](RA_REQUEST_S *, int) { raclient_udp_destroy(client); }},
+        {"remove the client", [&](RA_REQUEST_S *request, int) { raClientRemove(request->client); }},
+        {"destroy the request", [&](RA_REQUEST_S *request, int) { raclient_udp_destroy(request); }},
+        {"delete the request", [&](RA_REQUEST_S *request, int) { raclient_request_delete(client, request); }},
+        {"destroy the next", [&](RA_REQUEST_S *request, int) { raclient_udp_destroy(request->next); }},
+        {"destroy the one before", [&](RA_REQUEST_S *request, int) { raclient_udp_destroy(request->previous); }},
+        {"ask once more", [&](RA_REQUEST_S *request, int) { raUdpRequest(-1, request->client, 0, nullptr, {}, {}); }},
+    };
+    const std::map<std::string, std::function<void(const std::string &)>> ends{
+        {"an answer", [&](const std::string &request) { deliver(answer(request, {"0"})); }},
+        {"a refusal", [&](const std::string &request) { deliver(answer(request, {}, 3)); }},
+        {"a time-out", [&](const std::string &) { tick(1000); }},
+        {"the client's end", [&](const std::string &) { raClientRemove(client); }},
+    };
+    for (const auto &[deed, callback] : deeds) {
+        for (const auto &[end, work] : ends) {
+            tick(0);
+            arrived();
+            client = raClientAdd("127.0.0.1", ntohs(peer.sin_port), 3, 5);
+            int calls = 0;
+            Callback counted = [&, act = callback](RA_REQUEST_S *request, int result) {
+                calls++;
+                act(request, result);
+            };
+            Callback none = [](RA_REQUEST_S *, int) {};
+            ask({"before"}, &none);
+            ask({"it"}, &counted);
+            ask({"behind"}, &none);
+            const Strings sent = arrived();
+            ASSERT_EQ(sent.size(), 3U);
+            work(sent[1]);
+            EXPECT_EQ(calls, 1) << deed << " at " << end;
+            if (ra_server.clients.tail == client && client != ra_server.clients.head) raClientRemove(client);
+        }
+    }
+}
+
+}  // namespace
