@@ -4,6 +4,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -133,11 +134,14 @@ std::string as_table(const Texts &headings, const Texts &cells) {
     for (size_t at = 0; at < lines.size(); ++at) {
         widths[at % columns] = std::max(widths[at % columns], width_of(lines[at]));
     }
-    std::string table;
+    std::string table, gap;  // blanks are held back until something stands behind them
     for (size_t at = 0; at < lines.size(); ++at) {
         const bool ends_row = (at + 1) % columns == 0 || at + 1 == lines.size();
-        table += lines[at];
-        table += ends_row ? "\n" : std::string(widths[at % columns] - width_of(lines[at]) + 2, ' ');
+        if (!lines[at].empty()) table += std::exchange(gap, "") + lines[at];
+        gap += std::string(widths[at % columns] - width_of(lines[at]) + 2, ' ');
+        if (!ends_row) continue;
+        table += "\n";
+        gap.clear();
     }
     return table;
 }

@@ -1,0 +1,157 @@
+/* The client program: its forms of output, scripts, keys, exit statuses, and the completion of its command line. */
+#include <gtest/gtest.h>
+#include <stdio.h>
+
+#include "process/owned.h"
+#include "tests/support/serverprocess.h"
+
+namespace {
+
+constexpr char KEY[] = "abcdefghijklmnopponmlkjihgfedcba", OTHER_KEY[] = "cccccccccccccccccccccccccccccccc";
+
+class ClientProgram : public testing::Test {
+protected:
+    ServerProcess server{{.checkKeys = true}};
+    const std::string port = std::to_string(server.port());
+    const std::string root = server.root().path();
+
+    ClientProgram() {
+        server.sql(
+            "CREATE TABLE USERS (ID VARCHAR2(20) PRIMARY KEY, NAME VARCHAR2(40), VISITS VARCHAR2(8));"
+            "INSERT INTO USERS VALUES ('anna', 'Anna \"B.\"', '0000000f'), ('bj', 'Bj\u00f6rn', NULL),"
+            "('lat', CAST(x'4BF61B5B' AS TEXT), '1')");
+        server.stop();
+        server.root().write("etc/access.key", std::string("127.0.0.1 encrypt ") + KEY + "\n");
+        server.start();
+    }
+    /** With options in front, HOST and PORT, and what follows; under the server's key. */
+    ProgramEnd raclient(const Strings &options, const Strings &rest) const {
+        Strings words{"raclient", "-i", "2"};
+        words.insert(words.end(), options.begin(), options.end());
+        words.insert(words.end(), {"127.0.0.1", port});
+        words.insert(words.end(), rest.begin(), rest.end());
+        return run_program(words, {"VELROOT=" + root});
+    }
+    std::string file(const std::string &text) const {
+        server.root().write("file", text);
+        return server.root().path("file");
+    }
+    const Strings list{"DB", "L", "USERS", "ID", "", "10", "+", "*", "NAME", "VISITS"};
+};
+
+TEST_F(ClientProgram, ShowsAnswersInEachForm) {
+    EXPECT_EQ(raclient({}, list).output, "0\nanna\nAnna \"B.\"\n0000000f\nbj\nBj\u00f6rn\n\nlat\nK\xf6\\x1b[\n1\n");
+    EXPECT_EQ(
+        raclient({"--json"}, list).output,
+        "[\"0\",\"anna\",\"Anna \\\"B.\\\"\",\"0000000f\",\"bj\",\"Bj\u00f6rn\",\"\",\"lat\",\"K\\u00f6\\u001b[\","
+        "\"1\"]\n");
+    const std::string rows = "anna  Anna \"B.\"  0000000f\nbj    Bj\u00f6rn\nlat   K\xf6\\x1b[    1\n";
+    EXPECT_EQ(raclient({"--table", "3"}, list).output, rows);
+    EXPECT_EQ(raclient({"--table", "ID,NAME,"}, list).output, "ID    NAME\n" + rows);
+    EXPECT_EQ(raclient({"--table", "3"}, {"DB", "G", "USERS", "ID", "x", "NAME"}).output, "101\n");
+}
+
+TEST_F(ClientProgram, FramesWhatTextCantCarry) {
+    const std::string value = "a\nb\x01 \u00e9%41\x7f";
+    EXPECT_EQ(raclient({"--encode"}, {"DB", "U", "USERS", "ID", "bj", "NAME", value, "VISITS", "plain %41"}).output,
+              "0\n");
+    EXPECT_EQ(server.value("SELECT NAME FROM USERS WHERE ID = 'bj'"), value);
+    EXPECT_EQ(server.value("SELECT VISITS FROM USERS WHERE ID = 'bj'"), "plain %4") << "cut to its column";
+}
+
+TEST_F(ClientProgram, RunsScriptsUpToTheFirstFailure) {
+    const std::string script =
+        file("# who\n\nDB G USERS ID anna NAME\nDB G USERS \"ID\" nobody NAME\nwhat\nDB D USERS ID anna\n");
+    ProgramEnd end = raclient({}, {"-f", script});
+    EXPECT_EQ(end.output, "0\nAnna \"B.\"\n101\n");
+    EXPECT_EQ(end.errors, "raclient: " + script + ", line 5: Request denied by server.\n") << "and no progress";
+    EXPECT_EQ(end.code, 3);
+
+    end = raclient({"-e", "--json", "-f", script}, {});
+    EXPECT_EQ(end.output, "[\"0\",\"Anna \\\"B.\\\"\"]\n[\"101\"]\n");
+    EXPECT_EQ(end.code, 5);
+
+    EXPECT_EQ(raclient({"-f", file("DB G" + std::string(40000, ' ') + "USERS ID bj NAME")}, {}).output,
+              "0\nBj\u00f6rn\n");
+    std::string many = "#\nx";
+    for (int word = 0; word < 1500; ++word) many += " x";
+    end = raclient({"-f", file(many)}, {});
+    EXPECT_EQ(end.errors, "raclient: " + script + ", line 2: Too many arguments: 1501!\n");
+    EXPECT_EQ(end.code, 1);
+    end = raclient({"-f", file(std::string("DB D USERS\0ID", 13))}, {});
+    EXPECT_EQ(end.errors, "raclient: " + script + ", line 1: there is a zero byte in it\n");
+    EXPECT_EQ(raclient({"-f", root + "/nowhere"}, {}).errors,
+              "raclient: cannot read " + root + "/nowhere: No such file or directory\n");
+    EXPECT_EQ(raclient({"-f", root}, {}).code, 1);
+}
+
+TEST_F(ClientProgram, FindsTheKeyOrTellsHow) {
+    const Strings get{"127.0.0.1", port, "DB", "G", "USERS", "ID", "bj", "NAME"};
+    const auto ask = [&](Strings words, const std::string &environment = "") {
+        words.insert(words.begin(), {"raclient", "-i", "1", "-n", "1"});
+        words.insert(words.end(), get.begin(), get.end());
+        return run_program(words, {"VELROOT=" + environment});
+    };
+    const std::string keys = root + "/etc/access.key";
+    EXPECT_EQ(ask({"-VELROOT", root}, "/nowhere").code, 0);
+    EXPECT_EQ(ask({"-k", keys}).code, 0);
+    EXPECT_EQ(ask({"-k", keys}, "/nowhere").code, 0);
+    EXPECT_EQ(ask({"-k", root + "/none"}).errors,
+              "raclient: cannot read " + root + "/none: No such file or directory\n");
+
+    const std::string other = file(std::string("127.0.0.9 ") + OTHER_KEY + "\n");
+    server.root().write("wrong", std::string("127.0.0.1 ") + OTHER_KEY + "\n");
+    for (const auto &[words, hint] : std::vector<std::pair<Strings, std::string>>{
+             {{}, "without an access key; a server that wants one keeps silent: name its keys by -VELROOT DIR"},
+             {{"-VELROOT", "/nowhere"}, "silent: /nowhere/etc/access.key can't be read: No such file"},
+             {{"-k", other}, "silent: " + other + " has none for 127.0.0.1."},
+             {{"-k", root + "/wrong"},
+              "under the key of 127.0.0.1 in " + root + "/wrong. Is that the server's key"}}) {
+        const ProgramEnd end = ask(words);
+        EXPECT_EQ(end.code, 4);
+        EXPECT_NE(end.errors.find(hint), std::string::npos) << end.errors;
+    }
+}
+
+TEST(ClientCommandLine, RefusesWhatContradictsItself) {
+    for (const Strings &words : {Strings{"h", "1", "-f", "x", "DB"},
+                                 {"-f", "x", "h", "1", "DB"},
+                                 {"--json", "--table", "2", "h", "1", "DB"},
+                                 {"--table", "0", "h", "1", "DB"},
+                                 {"--table"},
+                                 {"h", "1", "--none", "DB"},
+                                 {"--", "--json", "1"}}) {
+        Strings command{"raclient"};
+        command.insert(command.end(), words.begin(), words.end());
+        EXPECT_EQ(run_program(command).code, 2) << testing::PrintToString(words);
+    }
+}
+
+/** What bash offers for the last of the words. */
+std::string completion_of(const std::string &words) {
+    const std::string command =
+        "bash -c '. " VELMORA_SOURCE_DIR "/packaging/completion/raclient.bash; set -- raclient " + words +
+        "; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _raclient; echo \"${COMPREPLY[*]}\"'";
+    FILE *pipe = popen(command.c_str(), "r");
+    char line[4096] = "";
+    const bool has_line = fgets(line, sizeof line, pipe) != nullptr;
+    return pclose(pipe) == 0 && has_line ? line : "(nothing)";
+}
+
+TEST(ClientCommandLine, IsCompleted) {
+    const std::string source = VELMORA_SOURCE_DIR "/";
+    for (const auto &[words, offered] :
+         std::vector<std::pair<std::string, std::string>>{{"--j", "--json\n"},
+                                                          {"h 1 --e", "--encode\n"},
+                                                          {"h 1 D", "DB\n"},
+                                                          {"--json -i 3 h 1 DB \"\"", "A D G I L U\n"},
+                                                          {"h 1 DB L USERS ID \"\" 10 \"\"", "+ -\n"},
+                                                          {"h 1 DB --j", "\n"},
+                                                          {"-- --j", "\n"},
+                                                          {"h 1 -f " + source + "READM", source + "README.md\n"},
+                                                          {"-VELROOT " + source + "READM", "\n"}}) {
+        EXPECT_EQ(completion_of(words), offered) << words;
+    }
+}
+
+}  // namespace
