@@ -121,28 +121,26 @@ TEST_F(ErrorMail, CutsALongTextAndStillGoesOut) {
     EXPECT_EQ(root.read(mails().front()), whole.substr(0, begin + 2046) + "\n|");
 }
 
+bool has_no_child() { return waitpid(-1, nullptr, 0) == -1 && errno == ECHILD; }
+
 TEST_F(ErrorMail, IsForErrorsInALogOnly) {
-    struct Row {
-        int silent;
-        StartForm form;
-    };
-    for (const Row &row : {Row{1, {.log = 1}}, Row{0, {}}}) {
-        Child child([&](Child &) {
-            start_or_die(root, {"prog"}, row.form);
-            process_context.silent = row.silent;
+    for (const auto &[silent, form] : {std::pair{1, StartForm{.log = 1}}, {0, StartForm{}}}) {
+        const std::string ended = outcome([&, is_silent = silent, how = form](Child &) {
+            start_or_die(root, {"prog"}, how);
+            process_context.silent = is_silent;
             process_error("unmailed\n");
-            return waitpid(-1, nullptr, 0) == -1 && errno == ECHILD ? 0 : 1;
+            return has_no_child() ? 0 : 1;
         });
-        EXPECT_EQ(child.exit_code(), 0) << "a mail tool was started";
+        EXPECT_TRUE(ended.starts_with("0 ")) << "a mail tool was started";
     }
-    Child child([&](Child &) {
-        start_or_die(root, {"prog"}, {.log = 1});
-        process_log("unmailed\n");
-        process_error("first %d\n", 1);
-        process_exit(5);
-        return 0;
-    });
-    EXPECT_EQ(child.exit_code(), 5);
+    EXPECT_EQ(outcome([&](Child &) {
+                  start_or_die(root, {"prog"}, {.log = 1});
+                  process_log("unmailed\n");
+                  process_error("first %d\n", 1);
+                  process_exit(5);
+                  return 0;
+              }),
+              "5 ");
     ASSERT_TRUE(wait_for_mails(1));
     EXPECT_NE(root.read(mails().front()).find("ETEXT=first 1\n\n|"), std::string::npos);
     const std::string log = root.log("prog.log");
@@ -150,70 +148,69 @@ TEST_F(ErrorMail, IsForErrorsInALogOnly) {
 }
 
 TEST_F(ErrorMail, GoesOutOfASignalHandlerAndHoldsNoSignalBack) {
-    Child child([&](Child &) {
-        start_or_die(root, {"prog"}, {.log = 1});
-        process_signal(SIGUSR1, [](int) { process_error("from a handler\n"); });
-        raise(SIGUSR1);
-        return 0;
-    });
-    EXPECT_EQ(child.exit_code(), 0);
+    EXPECT_EQ(outcome([&](Child &) {
+                  start_or_die(root, {"prog"}, {.log = 1});
+                  process_signal(SIGUSR1, [](int) { process_error("from a handler\n"); });
+                  return raise(SIGUSR1);
+              }),
+              "0 ");
     ASSERT_TRUE(wait_for_mails(1));
     EXPECT_TRUE(root.read("circumstances").starts_with("closed closed 0000000000000000 "));
 }
 
 /* The tool is no zombie for long: a daemon hears of its end; any other process looks when it prints. */
 TEST_F(ErrorMail, ToolIsReaped) {
-    for (const bool isDaemon : {true, false}) {
+    for (const bool is_daemon : {true, false}) {
         for (const std::string &old : mails()) fs::remove(root.path(old));
-        Child child([&](Child &) {
-            start_or_die(root, {"prog"}, {.log = 1});
-            if (isDaemon) process::install_daemon_handlers();
-            process_error("x\n");
-            if (!wait_for_mails(1)) return 1;
-            for (int i = 0; i < 2000 && kill(tool(), 0) == 0; i++) {
-                if (!isDaemon) process_log("y\n");
-                usleep(5000);
-            }
-            return kill(tool(), 0) == -1 && errno == ESRCH ? 0 : 2;
-        });
-        EXPECT_EQ(child.exit_code(), 0) << (isDaemon ? "daemon" : "foreground");
+        EXPECT_EQ(outcome([&](Child &) {
+                      start_or_die(root, {"prog"}, {.log = 1});
+                      if (is_daemon) process::install_daemon_handlers();
+                      process_error("x\n");
+                      if (!wait_for_mails(1)) return 1;
+                      for (int i = 0; i < 2000 && kill(tool(), 0) == 0; i++, usleep(5000)) {
+                          if (!is_daemon) process_log("y\n");
+                      }
+                      return kill(tool(), 0) == -1 && errno == ESRCH ? 0 : 2;
+                  }),
+                  "0 ")
+            << (is_daemon ? "daemon" : "foreground");
     }
 }
 
 TEST_F(ErrorMail, OfAMissingToolCostsOneLineAndTheHour) {
     fs::remove(root.path("bin/chmail"));
-    Child child([&](Child &) {
-        start_or_die(root, {"prog"}, {.log = 1});
-        mail_at({WALL, 7}, "x\n");
-        mail_at({WALL, 3606}, "x\n");
-        const std::string longer(1002, 'r');  // with the name and 16: 1024
-        process_context.rootDir = longer.c_str();
-        mail_at({WALL, 3607}, "x\n");
-        process_context.rootDir = nullptr;
-        mail_at({WALL, 7207}, "x\n");
-        return waitpid(-1, nullptr, 0) == -1 && errno == ECHILD ? 0 : 1;
-    });
-    EXPECT_EQ(child.exit_code(), 0);
+    EXPECT_EQ(outcome([&](Child &) {
+                  start_or_die(root, {"prog"}, {.log = 1});
+                  mail_at({WALL, 7}, "x\n");
+                  mail_at({WALL, 3606}, "x\n");
+                  const std::string longer(1002, 'r');  // with the name and 16: 1024
+                  process_context.rootDir = longer.c_str();
+                  mail_at({WALL, 3607}, "x\n");
+                  process_context.rootDir = nullptr;
+                  mail_at({WALL, 7207}, "x\n");
+                  return has_no_child() ? 0 : 1;
+              }),
+              "0 ");
     EXPECT_EQ(logged(), "Process_mailout: Can't stat " + root.path("bin/chmail") + "! No such file or directory\n" +
                             NOT_AGAIN + "Process_mailout: Paths too long!\n");
 }
 
 TEST_F(ErrorMail, OfAToolThatCannotRunLeavesTheProcessAlone) {
     fs::permissions(root.path("bin/chmail"), fs::perms(0644));
-    Child child([&](Child &) {
-        static FILE *file;
-        start_or_die(root, {"prog"}, {.log = 1});
-        file = fopen(root.path("buffered").c_str(), "w");
-        fputs("once", file);
-        process_context.exitHook = [](int) { fputs(" hook", file); };
-        atexit([] { fputs(" exit", file); });
-        mail_at({WALL, 5000}, "x\n");
-        int status = 0;
-        if (waitpid(-1, &status, 0) < 0 || WEXITSTATUS(status) != 1) return 9;
-        process_exit(0);
-        return 0;
-    });
-    EXPECT_EQ(child.exit_code(), 0);
+    EXPECT_EQ(outcome([&](Child &) {
+                  static FILE *file;
+                  start_or_die(root, {"prog"}, {.log = 1});
+                  file = fopen(root.path("buffered").c_str(), "w");
+                  fputs("once", file);
+                  process_context.exitHook = [](int) { fputs(" hook", file); };
+                  atexit([] { fputs(" exit", file); });
+                  mail_at({WALL, 5000}, "x\n");
+                  int status = 0;
+                  if (waitpid(-1, &status, 0) < 0 || WEXITSTATUS(status) != 1) return 9;
+                  process_exit(0);
+                  return 0;
+              }),
+              "0 ");
     EXPECT_EQ(root.read("buffered"), "once hook exit") << "the child flushed a stream or ran an exit function";
     EXPECT_TRUE(
         logged().starts_with("Process_mailout: Can't execl " + root.path("bin/chmail") + "! Permission denied\n"));

@@ -18,91 +18,69 @@ namespace {
 
 class InstanceSlots : public testing::Test {
 protected:
-    RootFolder root;
+    const RootFolder root;
     std::string status(int slot) const { return root.read("status/prog." + std::to_string(slot)); }
+    void expect_held(const std::string &file, const Child &holder, const std::string &behind = "") const {
+        EXPECT_TRUE(matches(root.read("status/" + file), eight_digits(holder.pid()) + " " + form::CTIME + behind));
+        EXPECT_TRUE(is_locked_by(root.path("status/" + file), holder.pid())) << file;
+    }
 };
 
-TEST_F(InstanceSlots, AreTakenInOrderAndShownInTheStatusFile) {
-    Child first([&](Child &self) { return hold_slot(self, root, "prog"); });
+TEST_F(InstanceSlots, AreTakenInOrderForEachNameUpToTheLimit) {
+    const auto hold = [&](const char *name) {
+        return [&, name](Child &self) { return hold_slot(self, root, name); };
+    };
+    Child first(hold("prog"));
     ASSERT_EQ(first.next_report(), "ready");
-    Child second([&](Child &self) { return hold_slot(self, root, "prog"); });
+    Child second(hold("prog"));
     ASSERT_EQ(second.next_report(), "ready");
-    EXPECT_TRUE(matches(status(1), eight_digits(first.pid()) + " " + form::CTIME));
-    EXPECT_TRUE(matches(status(2), eight_digits(second.pid()) + " " + form::CTIME));
-    EXPECT_TRUE(is_locked_by(root.path("status/prog.1"), first.pid()));
-    EXPECT_TRUE(is_locked_by(root.path("status/prog.2"), second.pid()));
-
-    Child other([&](Child &self) { return hold_slot(self, root, "another"); });
+    Child other(hold("another"));
     ASSERT_EQ(other.next_report(), "ready");
-    EXPECT_TRUE(is_locked_by(root.path("status/another.1"), other.pid())) << "slots are counted for each name";
+    expect_held("prog.1", first);
+    expect_held("prog.2", second);
+    expect_held("another.1", other);
     EXPECT_TRUE(fs::exists(root.path("log/another.log"))) << "a log file exists even where none is written";
-}
 
-TEST_F(InstanceSlots, OfAKilledProcessIsTakenAgain) {
-    Child first([&](Child &self) { return hold_slot(self, root, "prog"); });
-    ASSERT_EQ(first.next_report(), "ready");
-    first.signal(SIGKILL);
-    ASSERT_EQ(first.exit_code(), -SIGKILL);
-    EXPECT_EQ(status(1).substr(0, 8), eight_digits(first.pid())) << "a crash leaves the text";
-
-    Child next([&](Child &self) { return hold_slot(self, root, "prog"); });
-    ASSERT_EQ(next.next_report(), "ready");
-    EXPECT_EQ(status(1).substr(0, 8), eight_digits(next.pid()));
-    EXPECT_TRUE(is_locked_by(root.path("status/prog.1"), next.pid()));
-}
-
-TEST_F(InstanceSlots, StaleFileIsReusedAndNotCut) {
-    root.write("status/prog.1", "00000001 Thu Jan  1 00:00:00 1970\nremark of an operator\n");
-    Child child([&](Child &self) { return hold_slot(self, root, "prog"); });
-    ASSERT_EQ(child.next_report(), "ready");
-    EXPECT_TRUE(matches(status(1), eight_digits(child.pid()) + " " + form::CTIME + "remark of an operator\n"));
-}
-
-TEST_F(InstanceSlots, RunOutAtTheLimit) {
-    Child first([&](Child &self) { return hold_slot(self, root, "prog"); });
-    Child second([&](Child &self) { return hold_slot(self, root, "prog"); });
-    ASSERT_EQ(first.next_report(), "ready");
-    ASSERT_EQ(second.next_report(), "ready");
-    Child third([&](Child &) { return -start({"prog", "-VELROOT", root.path()}, {.log = 1, .processes = 2}); });
-    EXPECT_EQ(third.exit_code(), 13);
+    EXPECT_EQ(outcome([&](Child &) {
+                  return -start({"prog", "-VELROOT", root.path()}, {.log = 1, .processes = 2});
+              }),
+              "13 ");
     EXPECT_TRUE(without_mail(root.log("prog.log")).ends_with("ETEXT=Already 2 process(es) with this name running!\n"))
         << root.log("prog.log");
     EXPECT_FALSE(fs::exists(root.path("status/prog.3")));
+
+    first.signal(SIGKILL);
+    ASSERT_EQ(first.exit_code(), -SIGKILL);
+    EXPECT_EQ(status(1).substr(0, 8), eight_digits(first.pid())) << "a crash leaves the text";
+    root.write("status/prog.1", status(1) + "remark of an operator\n");
+    Child next(hold("prog"));
+    ASSERT_EQ(next.next_report(), "ready");
+    expect_held("prog.1", next, "remark of an operator\n");
 }
 
 TEST_F(InstanceSlots, AreLeftAloneByAProgramThatAsksForNone) {
-    Child child([&](Child &) {
-        start_or_die(root, {"prog"});
-        return process_context.lockFd == -1 ? 0 : 1;
-    });
-    EXPECT_EQ(child.exit_code(), 0);
+    EXPECT_EQ(outcome([&](Child &) {
+                  start_or_die(root, {"prog"});
+                  return process_context.lockFd == -1 ? 0 : 1;
+              }),
+              "0 ");
     EXPECT_TRUE(fs::is_empty(root.path("status")));
 }
 
 TEST_F(InstanceSlots, DaemonWithoutALimitTakesOneAndDStaysInTheForeground) {
-    Child child([&](Child &self) {
-        signal(SIGHUP, SIG_DFL);
-        start_or_die(root, {"prog", "a", "-D"}, {.daemon = 1});
-        struct sigaction hangup {};
-        sigaction(SIGHUP, nullptr, &hangup);
-        self.report(std::to_string(getpid()) + " " + std::to_string(process_context.mode));
-        return hangup.sa_handler == SIG_DFL ? 0 : 1;
-    });
-    EXPECT_EQ(child.next_report(), std::to_string(child.pid()) + " 1");
-    EXPECT_EQ(child.exit_code(), 0);
-    EXPECT_EQ(status(1).substr(0, 8), eight_digits(child.pid()));
-    EXPECT_TRUE(root.log("prog.log").find("STARTED at ") != std::string::npos);
-}
-
-TEST_F(InstanceSlots, DStandsAnywhereAlsoAsTheProgramsName) {
-    for (const Strings &arguments : {Strings{"-D"}, Strings{"prog", "x", "y", "-debug"}}) {
+    for (const Strings &arguments : {Strings{"-D"}, {"prog", "a", "-D"}, {"prog", "x", "y", "-debug"}}) {
         Child child([&](Child &self) {
+            signal(SIGHUP, SIG_DFL);
             start_or_die(root, arguments, {.daemon = 1});
-            self.report(std::to_string(getpid()));
-            return 0;
+            struct sigaction hangup {};
+            sigaction(SIGHUP, nullptr, &hangup);
+            self.report(std::to_string(getpid()) + " " + std::to_string(process_context.mode));
+            return hangup.sa_handler == SIG_DFL ? 0 : 1;
         });
-        EXPECT_EQ(child.next_report(), std::to_string(child.pid()));
+        EXPECT_EQ(child.next_report(), std::to_string(child.pid()) + " 1");
         EXPECT_EQ(child.exit_code(), 0);
+        EXPECT_EQ(root.read("status/" + arguments[0] + ".1").substr(0, 8), eight_digits(child.pid()));
+        EXPECT_NE(root.log(arguments[0] + ".log").find("STARTED at "), std::string::npos);
     }
 }
 
@@ -183,21 +161,17 @@ TEST_F(InstanceSlots, RootRightsGoWithAllGroupsAndTheFilesChangeHands) {
     const std::string uid = std::to_string(nobody.uid), gid = std::to_string(nobody.gid);
     const group *named = getgrgid(nobody.gid);
     ASSERT_NE(named, nullptr);
-    const std::string groupName = named->gr_name;
-    struct Row {
-        Strings options;
-        std::string groupLine;
-    };
-    const Row rows[] = {
-        {{"-setusername", "nobody"}, "Running as group " + gid + "\n"},
-        {{"-setusernamenobody", "-setgroupname" + groupName}, "Running as group " + gid + " " + groupName + "\n"}};
-    for (const Row &row : rows) {
-        RootFolder own;
-        Child child([&](Child &self) {
+    const std::string group_name = named->gr_name;
+    for (const auto &[options, group_line] :
+         {std::pair{Strings{"-setusername", "nobody"}, "Running as group " + gid + "\n"},
+          {{"-setusernamenobody", "-setgroupname" + group_name},
+           "Running as group " + gid + " " + group_name + "\n"}}) {
+        const RootFolder own;
+        Child child([&, given = options](Child &self) {
             const gid_t roots[] = {0, 1, 2};
             if (setgroups(3, roots) != 0) return 1;
             Strings arguments{"prog"};
-            arguments.insert(arguments.end(), row.options.begin(), row.options.end());
+            arguments.insert(arguments.end(), given.begin(), given.end());
             start_or_die(own, arguments, {.log = 1, .processes = 1});
             process_set_user();
             self.report(rights_now());
@@ -207,21 +181,20 @@ TEST_F(InstanceSlots, RootRightsGoWithAllGroupsAndTheFilesChangeHands) {
         for (const std::string &number : {uid, uid, uid, gid, gid, gid, uid, gid, uid, gid}) expected += number + " ";
         EXPECT_EQ(child.next_report(), expected + "others 0");
         EXPECT_EQ(child.exit_code(), 0);
-        EXPECT_TRUE(matches(own.log("prog.log"), {form::L, "STARTED at ", form::CTIME, form::L, row.groupLine,
-                                                  form::L, "Running as user ", uid, " nobody\n"}));
+        EXPECT_TRUE(matches(own.log("prog.log"), {form::L, "STARTED at ", form::CTIME, form::L, group_line, form::L,
+                                                  "Running as user ", uid, " nobody\n"}));
     }
 }
 
 TEST_F(InstanceSlots, WithoutRootRightsThereIsNothingToGiveUp) {
-    const Rights nobody;
-    Child child([&](Child &) {
-        if (getuid() == 0 && setuid(nobody.uid) != 0) return 77;
-        if (start({"prog", "-setusername", "root", "-setgroupname", "root", "-VELROOT", "/nowhere"}) != 0) return 1;
-        process_set_user();
-        return 0;
-    });
-    EXPECT_EQ(child.exit_code(), 0);
-    EXPECT_EQ(child.output(), "");
+    EXPECT_EQ(outcome([&](Child &) {
+                  if (getuid() == 0 && setuid(Rights().uid) != 0) return 77;
+                  if (start({"prog", "-setusername", "root", "-setgroupname", "root", "-VELROOT", "/nowhere"}) != 0)
+                      return 1;
+                  process_set_user();
+                  return 0;
+              }),
+              "0 ");
 }
 
 }  // namespace

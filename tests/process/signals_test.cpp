@@ -63,59 +63,56 @@ TEST_F(Signals, AreHandledAsTheFormOfTheProcessAsks) {
 }
 
 TEST_F(Signals, LeaveEintrBehind) {
-    Child child([&](Child &) {
-        start_like_a_daemon();
-        for (const int number : HANDLED) {
-            errno = 0;
-            if (raise(number); errno != EINTR) return number;
-        }
-        process_context.logToFile = 0;
-        errno = 0;
-        raise(SIGHUP);
-        return errno;
-    });
-    EXPECT_EQ(child.exit_code(), 0);
-    EXPECT_EQ(child.output(), "") << "a hang-up without a log has no effect";
+    EXPECT_EQ(outcome([&](Child &) {
+                  start_like_a_daemon();
+                  for (const int number : HANDLED) {
+                      errno = 0;
+                      if (raise(number); errno != EINTR) return number;
+                  }
+                  process_context.logToFile = 0;
+                  errno = 0;
+                  raise(SIGHUP);
+                  return errno;
+              }),
+              "0 ")
+        << "a hang-up without a log has no effect";
 }
 
 TEST_F(Signals, SwitchTheTraceAndAreTold) {
-    Child child([&](Child &) {
-        start_like_a_daemon();
-        for (const int number : {SIGTERM, SIGUSR2, SIGTERM, SIGPIPE, SIGUSR2, SIGUSR2}) raise(number);
-        return static_cast<int>(process_context.trace) + 10 * process_context.running;
-    });
-    EXPECT_EQ(child.exit_code(), 1);
+    EXPECT_EQ(outcome([&](Child &) {
+                  start_like_a_daemon();
+                  for (const int number : {SIGTERM, SIGUSR2, SIGINT, SIGPIPE, SIGUSR2, SIGUSR2}) raise(number);
+                  return static_cast<int>(process_context.trace) + 10 * process_context.running;
+              }),
+              "1 ");
     EXPECT_TRUE(
         matches(logged(), {form::T, "Tracing turned on!\n", form::T, "Received SIGTERM/SIGINT\n", form::L,
                            "Received SIGPIPE\n", form::T, "Tracing turned off!\n", form::T, "Tracing turned on!\n"}));
 }
 
 TEST_F(Signals, OfABrokenPipeDoNotCallThemselves) {
-    Child child([&](Child &) {
-        int ends[2];
-        start_or_die(root, {"prog"});
-        if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0 || close(ends[0]) != 0) return 1;
-        process_log("into the void\n");
-        return 0;
-    });
-    EXPECT_EQ(child.exit_code(std::chrono::seconds(5)), 0);
+    EXPECT_EQ(outcome([&](Child &) {
+                  int ends[2];
+                  start_or_die(root, {"prog"});
+                  if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0 || close(ends[0]) != 0) return 1;
+                  process_log("into the void\n");
+                  return 0;
+              }),
+              "0 ");
 }
 
 TEST_F(Signals, OfEndedChildrenReapThemAll) {
-    Child child([&](Child &) {
-        start_like_a_daemon();
-        {
-            const process::HeldSignals held;  // so that one signal stands for three children
-            for (int i = 0; i < 3; i++) {
-                const pid_t grandchild = fork();
-                if (grandchild == 0) _exit(0);
-                siginfo_t ended{};
-                waitid(P_PID, static_cast<id_t>(grandchild), &ended, WEXITED | WNOWAIT);
-            }
-        }
-        return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD ? 0 : 1;
-    });
-    EXPECT_EQ(child.exit_code(), 0);
+    EXPECT_EQ(outcome([&](Child &) {
+                  start_like_a_daemon();
+                  for (const process::HeldSignals held; int i : {1, 2, 3}) {  // one signal stands for them all
+                      const pid_t grandchild = fork();
+                      if (grandchild == 0) _exit(i);
+                      siginfo_t ended{};
+                      waitid(P_PID, static_cast<id_t>(grandchild), &ended, WEXITED | WNOWAIT);
+                  }
+                  return waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD ? 0 : 1;
+              }),
+              "0 ");
 }
 
 /* ---- Under load --------------------------------------------------------------------------------------------- */

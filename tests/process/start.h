@@ -53,6 +53,13 @@ inline void start_or_die(const RootFolder &root, Strings arguments, StartForm fo
     if (const int failure = start(arguments, form)) _exit(100 - failure);
 }
 
+/** Work in a process of its own, to its end: "<exit code> <what it wrote to standard output>". */
+inline std::string outcome(const std::function<int(Child &self)> &work) {
+    Child child(work);
+    const std::string code = std::to_string(child.exit_code());
+    return code + " " + child.output();
+}
+
 /** A process that holds an instance slot, has reported "ready" and waits. */
 inline int hold_slot(const Child &self, const RootFolder &root, const std::string &name) {
     start_or_die(root, {name}, {.processes = 8});
