@@ -7,11 +7,13 @@
 #include <algorithm>
 #include <map>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
+#include "tests/support/bytes.h"
 #include "tests/support/child.h"
+
+using namespace std::string_literals;
 
 namespace {
 
@@ -63,10 +65,9 @@ class Model : public testing::TestWithParam<int> {
 protected:
     Table table = make(GetParam());
     const bool pointers = (GetParam() & PAAFLAGPOINTER) != 0;
-    std::map<std::string, std::string> copied;  // in byte order, as std::string compares unsigned
-    std::map<std::string, const void *> stored;
+    std::map<std::string, std::string> model;  // in byte order, as std::string compares unsigned
     Strings order;
-    std::mt19937 random;
+    Seeded random;
     char targets[64];  // what stored pointers point to
 
     std::string random_key() {
@@ -75,53 +76,41 @@ protected:
         for (char &byte : key) byte = bytes_used[random() % (random() % 4 == 0 ? 6 : 3)];
         return key;
     }
-    std::string random_value() {
+    /** A value as the model keeps it: bytes, or where a pointer leads to. */
+    std::string kept(const void *value, int size) const {
+        return pointers && value != nullptr ? std::to_string(static_cast<const char *>(value) - targets)
+                                            : bytes(value, size);
+    }
+    void write(unsigned kind, const std::string &key) {
+        enum { INSERT, REPLACE, APPEND };
         std::string value(random() % 12, 'v');
         for (char &byte : value) byte = static_cast<char>(random());
-        return value;
+        if (kind == REPLACE && value.empty())
+            value = "x";  // the null that replacing by nothing leaves is told elsewhere
+        const char *given = pointers ? &targets[random() % sizeof targets] : value.data();
+        const bool refused = model.contains(key) && (kind == INSERT || (pointers && kind == APPEND));
+        const auto call = kind == INSERT ? paaInsert : kind == REPLACE ? paaReplace : paaAppend;
+        ASSERT_EQ(call(table.get(), key.data(), length(key), given, pointers ? 99 : length(value)), refused ? -1 : 0);
+        ASSERT_EQ(paaerrno, refused ? PAAERREXISTS : 0);
+        if (refused) return;
+        if (!model.contains(key)) order.push_back(key);
+        if (kind != APPEND) model[key].clear();
+        model[key] += kept(given, length(value));
     }
-    bool knows(const std::string &key) const { return pointers ? stored.contains(key) : copied.contains(key); }
-    void forget(const std::string &key) {
-        copied.erase(key);
-        stored.erase(key);
+    void erase(const std::string &key) {
+        ASSERT_EQ(remove(table, key), model.contains(key) ? 0 : -1);
+        ASSERT_EQ(paaerrno, model.contains(key) ? 0 : PAAERRNOTFOUND);
+        model.erase(key);
         std::erase(order, key);
     }
-
-    void write_pointer(unsigned kind, const std::string &key) {
-        const char *target = &targets[random() % sizeof targets];
-        const auto call = kind == 0 ? paaInsert : kind == 1 ? paaReplace : paaAppend;
-        const bool refused = knows(key) && kind != 1;
-        ASSERT_EQ(call(table.get(), key.data(), length(key), target, 99), refused ? -1 : 0);
-        ASSERT_EQ(paaerrno, refused ? PAAERREXISTS : 0);
-        if (refused) return;
-        if (!knows(key)) order.push_back(key);
-        stored[key] = target;
-    }
-    void write_copy(unsigned kind, const std::string &key) {
-        std::string value = random_value();
-        if (kind == 1 && value.empty()) value = "x";  // the null that replacing by nothing leaves is told elsewhere
-        const auto call = kind == 0 ? paaInsert : kind == 1 ? paaReplace : paaAppend;
-        const bool refused = knows(key) && kind == 0;
-        ASSERT_EQ(call(table.get(), key.data(), length(key), value.data(), length(value)), refused ? -1 : 0);
-        ASSERT_EQ(paaerrno, refused ? PAAERREXISTS : 0);
-        if (refused) return;
-        if (!knows(key)) order.push_back(key);
-        copied[key] = kind == 2 ? copied[key] + value : value;
-    }
     void look_up(const std::string &key) {
+        const bool known = model.contains(key);
         int size = NOLENGTH;
         const void *value = paaFind(table.get(), key.data(), length(key), &size);
-        ASSERT_EQ(paaerrno, knows(key) ? 0 : PAAERRNOTFOUND);
-        const char *own = static_cast<char *>(paaFindKey(table.get(), key.data(), length(key)));
-        ASSERT_EQ(bytes(own, length(key)), knows(key) ? key : "(null)");
-        if (!knows(key)) {
-            ASSERT_EQ(value, nullptr);
-        } else if (pointers) {
-            ASSERT_EQ(value, stored[key]);
-            ASSERT_EQ(size, 4);
-        } else {
-            ASSERT_EQ(bytes(value, size), copied[key]);
-        }
+        ASSERT_EQ(paaerrno, known ? 0 : PAAERRNOTFOUND);
+        ASSERT_EQ(kept(value, size), known ? model[key] : "(null)");
+        ASSERT_TRUE(!known || !pointers || size == 4);
+        ASSERT_EQ(bytes(paaFindKey(table.get(), key.data(), length(key)), length(key)), known ? key : "(null)");
     }
     void check_all() {
         ASSERT_EQ(table->count, order.size());
@@ -135,28 +124,20 @@ protected:
 };
 
 TEST_P(Model, AgreesAfterManyOperations) {
-    const unsigned seed = std::random_device{}();
     ASSERT_EQ(paaClear(table.get()), 0) << "an empty table can be cleared";
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::cout << "seed " << seed << "\n";
-    random.seed(seed);
     Strings seen;
     for (int round = 0; round < 6000 && !HasFatalFailure(); round++) {
         const std::string key = seen.empty() || random() % 3 == 0 ? random_key() : seen[random() % seen.size()];
         if (seen.size() < 400) seen.push_back(key);
         const unsigned kind = random() % 5;
-        if (kind < 3 && pointers) write_pointer(kind, key);
-        if (kind < 3 && !pointers) write_copy(kind, key);
-        if (kind == 3) {
-            ASSERT_EQ(remove(table, key), knows(key) ? 0 : -1);
-            ASSERT_EQ(paaerrno, knows(key) ? 0 : PAAERRNOTFOUND);
-            forget(key);
-        }
+        if (kind < 3) write(kind, key);
+        if (kind == 3) erase(key);
         look_up(key);
         if (round % 500 == 0) check_all();
         if (round == 3000) {
             ASSERT_EQ(paaClear(table.get()), 0);
-            for (const std::string &gone : Strings(order)) forget(gone);
+            model.clear();
+            order.clear();
             ASSERT_EQ(static_cast<int>(table->flags), GetParam());
         }
     }
@@ -170,21 +151,17 @@ TEST(PaaErrors, OfArgumentsComeInTheirOrder) {
     for (const int flags : FORMS) {
         const Table table = make(flags);
         PAA_S stray{};
-        PAA_S *good = table.get(), *bad = &stray;
         struct Row {
             PAA_S *table;
-            const char *key, *value;
-            int keyLength, valueLength, reading, writing;  // codes of the calls that read and that write
+            const char *key;
+            int keyLength, reading, writing;  // codes of the calls that read and that write
         };
-        const Row rows[] = {
-            {bad, nullptr, nullptr, 0, 1, PAAERRBADHANDLE, PAAERRBADHANDLE},
-            {good, nullptr, nullptr, 0, 1, PAAERRNOKEYLEN, PAAERRNOKEYLEN},
-            {good, nullptr, nullptr, 1, 1, PAAERRNOKEY, PAAERRNOKEY},
-            {good, "k", nullptr, 1, 1, PAAERRNOTFOUND, PAAERRNODATA},
-        };
-        for (const Row &row : rows) {
+        for (const Row &row : {Row{&stray, nullptr, 0, PAAERRBADHANDLE, PAAERRBADHANDLE},
+                               {table.get(), nullptr, 0, PAAERRNOKEYLEN, PAAERRNOKEYLEN},
+                               {table.get(), nullptr, 1, PAAERRNOKEY, PAAERRNOKEY},
+                               {table.get(), "k", 1, PAAERRNOTFOUND, PAAERRNODATA}}) {
             for (const auto call : {paaInsert, paaReplace, paaAppend}) {
-                EXPECT_EQ(call(row.table, row.key, row.keyLength, row.value, row.valueLength), -1);
+                EXPECT_EQ(call(row.table, row.key, row.keyLength, nullptr, 1), -1);
                 EXPECT_EQ(paaerrno, row.writing);
             }
             EXPECT_EQ(paaFind(row.table, row.key, row.keyLength, nullptr), nullptr);
@@ -353,29 +330,26 @@ TEST(PaaHash, PutsEachKeyIntoItsBucket) {
         std::string key;
         int small, large;
     };
-    const Row rows[] = {
-        {"A", 465, 58722},
-        {"abc", 379, 318},
-        {"abcd", 209, 56720},
-        {"abcdefgh", 766, 20855},
-        {"efghabcd", 766, 20855},
-        {"\x80", 133, 26718},
-        {"ab\xff", 455, 37946},
-        {"\xff\xfe\xfd", 311, 27736},
-        {std::string("\0", 1), 791, 39208},
-        {std::string("a\0b", 3), 45, 27800},
-        {std::string("abcd\0\xe4", 6), 762, 50090},
-        {"\xff\xff\xff\xff", 727, 26537},
-        {"\x80\x81\x82\x83\x84\x85\x86", 696, 14794},
-        {"localhost", 528, 24334},
-    };
-    for (const Row &row : rows) {
-        const Table small = make(), large = make(PAAFLAGLARGE);
-        insert(small, row.key);
-        insert(large, row.key);
-        const auto number = [](int bucket) { return (bucket < 100 ? "0" : "") + std::to_string(bucket); };
-        EXPECT_EQ(dump(small), "# total 1 entries\n## " + number(row.small) + " 1 entries\n") << row.key;
-        EXPECT_EQ(dump(large), "# total 1 entries\n## " + number(row.large) + " 1 entries\n") << row.key;
+    for (const Row &row : {Row{"A", 465, 58722},
+                           {"abc", 379, 318},
+                           {"abcd", 209, 56720},
+                           {"abcdefgh", 766, 20855},
+                           {"efghabcd", 766, 20855},
+                           {"\x80", 133, 26718},
+                           {"ab\xff", 455, 37946},
+                           {"\xff\xfe\xfd", 311, 27736},
+                           {"\0"s, 791, 39208},
+                           {"a\0b"s, 45, 27800},
+                           {"abcd\0\xe4"s, 762, 50090},
+                           {"\xff\xff\xff\xff", 727, 26537},
+                           {"\x80\x81\x82\x83\x84\x85\x86", 696, 14794},
+                           {"localhost", 528, 24334}}) {
+        for (const auto &[flags, bucket] : {std::pair{0, row.small}, {PAAFLAGLARGE, row.large}}) {
+            const Table table = make(flags);
+            insert(table, row.key);
+            const std::string number = (bucket < 100 ? "0" : "") + std::to_string(bucket);
+            EXPECT_EQ(dump(table), "# total 1 entries\n## " + number + " 1 entries\n") << row.key;
+        }
     }
 }
 
@@ -399,7 +373,7 @@ TEST(PaaHash, DumpsManyKeysOfOneBucketInOneLine) {
 }
 
 TEST(PaaHash, KeepsALongChainSortedThroughInsertAndRemove) {
-    std::mt19937 random(std::random_device{}());
+    Seeded random;
     const Table table = make();
     std::map<std::string, std::string> model;
     for (int round = 0; round < 4000; round++) {
