@@ -65,19 +65,18 @@ protected:
 };
 
 TEST_F(AccessKeys, AreDecodedStepByStep) {
-    struct Row {
-        std::string text, expected;
-    };
-    for (const Row &row : {Row{OWN_TEXT, OWN_KEY}, Row{OWN_TEXT + "z", OWN_KEY},
-                           Row{"0123456789abcdefghijklmnopqrstuv", "01234567890123456789abcdef012345"},
-                           Row{"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdef", "789abcdef0123456789abcdef0012345"},
-                           // A restart costs a step: what was there stays, or is joined.
-                           Row{"bcde", "12347723401234772340123477234012"}, Row{"", all('7')},
-                           Row{"1" + all('-'), "10" + std::string(30, '7')},
-                           Row{"-1-1\x80 {`@[/:", "77777777777777101077777777777777"}}) {
+    for (const auto &[text, expected] :
+         {std::pair{OWN_TEXT, OWN_KEY},
+          {OWN_TEXT + "z", OWN_KEY},
+          {"0123456789abcdefghijklmnopqrstuv", "01234567890123456789abcdef012345"},
+          {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdef", "789abcdef0123456789abcdef0012345"},
+          {"bcde", "12347723401234772340123477234012"},  // a restart costs a step: what was there stays, or is joined
+          {"", all('7')},
+          {"1" + all('-'), "10" + std::string(30, '7')},
+          {"-1-1\x80 {`@[/:", "77777777777777101077777777777777"}}) {
         Bytes target(17, 0x77);
-        EXPECT_EQ(packet_hex2bin(row.text.c_str(), target.data(), 16), 32);
-        EXPECT_EQ(hex_of(target), row.expected + "77") << row.text;
+        EXPECT_EQ(packet_hex2bin(text.c_str(), target.data(), 16), 32);
+        EXPECT_EQ(hex_of(target), expected + "77") << text;
     }
 }
 

@@ -12,49 +12,41 @@ class BindAddress : public SocketTest {};
 class Names : public SocketTest {};
 class AddressForms : public SocketTest {};
 
-TEST_F(BindAddress, TextComesFromTheFirstLineOfTheFile) {
+TEST_F(BindAddress, TextComesFromTheFirstLineOfTheFileUnlessItIsAnOption) {
+    EXPECT_EQ(told([] { EXPECT_EQ(packet_bindip(), nullptr); }), "") << "a missing file is no reason for a line";
     struct Row {
         std::string file;
         const char *expected;
     };
     const std::string longest = repeat(4096, 'a');
-    const Row rows[] = {
-        {"10.0.0.1\n", "10.0.0.1"},
-        {" \t\v\f\r10.0.0.1 \t;-\r\n", "10.0.0.1"},
-        {"10.0.0.1", "10.0.0.1"},
-        {"10.0.0.1 # here\nnext\n", "10.0.0.1 # here"},
-        {"host.example.\n", "host.example."},
-        {";;;\n", ";"},
-        {"\nhost\n", nullptr},
-        {" \t \r\n", nullptr},
-        {repeat(5000, 'a') + "\n", longest.c_str()},
-    };
-    for (const Row &row : rows) {
+    for (const Row &row : {Row{"10.0.0.1\n", "10.0.0.1"},
+                           {" \t\v\f\r10.0.0.1 \t;-\r\n", "10.0.0.1"},
+                           {"10.0.0.1", "10.0.0.1"},
+                           {"10.0.0.1 # here\nnext\n", "10.0.0.1 # here"},
+                           {"host.example.\n", "host.example."},
+                           {";;;\n", ";"},
+                           {"\nhost\n", nullptr},
+                           {" \t \r\n", nullptr},
+                           {repeat(5000, 'a') + "\n", longest.c_str()}}) {
         root.write("etc/bindip", row.file);
         EXPECT_STREQ(packet_bindip(), row.expected) << row.file.substr(0, 40);
     }
-}
-
-TEST_F(BindAddress, OptionIsTakenAsItStandsAndBeatsTheFile) {
-    EXPECT_EQ(told([] { EXPECT_EQ(packet_bindip(), nullptr); }), "") << "a missing file is no reason for a line";
-    root.write("etc/bindip", "10.0.0.1\n");
     process_context.bindIp = " 10.0.0.2 \t";
-    EXPECT_STREQ(packet_bindip(), " 10.0.0.2 \t");
+    EXPECT_STREQ(packet_bindip(), " 10.0.0.2 \t") << "as it stands";
 }
 
 TEST_F(BindAddress, IsWorkedOutByItsFirstCharacter) {
-    struct Row {
-        const char *text, *expected;
-    };
     EXPECT_EQ(packet_bindaddr(), 0U);
-    for (const Row &row : {Row{"127.0.0.9", "127.0.0.9"}, Row{"9x", "0.0.0.0"}, Row{"-127.0.0.9", "0.0.0.0"},
-                           Row{"localhost", "127.0.0.1"}, Row{" 127.0.0.9", "0.0.0.0"}}) {
-        process_context.bindIp = row.text;
-        EXPECT_STREQ(packet_ip2str(packet_bindaddr()), row.expected) << row.text;
-    }
     const std::string unknown = repeat(64, 'x');  // no label of a name may be so long: fails without a question
-    process_context.bindIp = unknown.c_str();
-    told([] { EXPECT_EQ(packet_bindaddr(), 0U); });
+    for (const auto &[text, expected] : {std::pair{"127.0.0.9", "127.0.0.9"},
+                                         {"9x", "0.0.0.0"},
+                                         {"-127.0.0.9", "0.0.0.0"},
+                                         {"localhost", "127.0.0.1"},
+                                         {" 127.0.0.9", "0.0.0.0"},
+                                         {unknown.c_str(), "0.0.0.0"}}) {
+        process_context.bindIp = text;
+        told([wanted = expected] { EXPECT_STREQ(packet_ip2str(packet_bindaddr()), wanted); });
+    }
 }
 
 TEST_F(Names, GiveAddressesInHostOrder) {
@@ -123,14 +115,9 @@ TEST_F(Names, LocalhostIsTheMachinesOwnAddress) {
 
 TEST_F(AddressForms, ConvertBothWays) {
     EXPECT_STREQ(packet_ip2str(htonl(0x0a0b0c0d)), "10.11.12.13");
-    struct Row {
-        const char *text;
-        uint32_t expected;
-    };
-    for (const Row &row : {Row{"10.11.12.13", 0x0a0b0c0d}, Row{"0.0.0.0", 0}, Row{"255.255.255.255", 0},
-                           Row{"256.1.1.1", 0}, Row{"name", 0}, Row{"", 0}}) {
-        EXPECT_EQ(packet_str2ip(row.text), htonl(row.expected)) << row.text;
-    }
+    EXPECT_EQ(packet_str2ip("10.11.12.13"), htonl(0x0a0b0c0d));
+    for (const char *none : {"0.0.0.0", "255.255.255.255", "256.1.1.1", "name", ""})
+        EXPECT_EQ(packet_str2ip(none), 0U);
     PacketAddress address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(0xc0000205);

@@ -9,24 +9,20 @@ namespace {
 
 class BoundSocket : public SocketTest {};
 
-TEST_F(BoundSocket, OfAClientIsSilentAndLeavesTheBoundAddressAlone) {
+TEST_F(BoundSocket, OfAClientIsSilentAndTheFirstAddressStays) {
     const std::string lines = told([] {
         const OwnedFd any(packet_clt_socket()), one(packet_clt_socket_ip(0)), server(packet_srv_socket(0));
         for (const OwnedFd *socket : {&any, &one, &server}) {
-            ASSERT_TRUE(socket->is_open());
             EXPECT_EQ(name_of(socket->get()).sin_addr.s_addr, INADDR_ANY);
             EXPECT_NE(port_of(socket->get()), 0);
             EXPECT_EQ(fcntl(socket->get(), F_GETFD), FD_CLOEXEC);
         }
+        EXPECT_EQ(packet_bound_ip, 0U);
+        const OwnedFd first(packet_clt_socket_ip(LOOPBACK)), second(packet_clt_socket_ip(htonl(0x7f000002)));
+        EXPECT_EQ(name_of(second.get()).sin_addr.s_addr, htonl(0x7f000002));
+        EXPECT_EQ(packet_bound_ip, LOOPBACK);
     });
     EXPECT_EQ(lines, "");
-    EXPECT_EQ(packet_bound_ip, 0U);
-}
-
-TEST_F(BoundSocket, FirstAddressStays) {
-    const OwnedFd first(packet_clt_socket_ip(LOOPBACK)), second(packet_clt_socket_ip(htonl(0x7f000002)));
-    EXPECT_EQ(name_of(second.get()).sin_addr.s_addr, htonl(0x7f000002));
-    EXPECT_EQ(packet_bound_ip, LOOPBACK);
 }
 
 TEST_F(BoundSocket, OnAPortOfItsOwnIsLogged) {
@@ -69,9 +65,9 @@ TEST_F(BoundSocket, WithoutDescriptorsIsReported) {
     Child child([](Child &) {
         const rlimit none{0, 0};
         setrlimit(RLIMIT_NOFILE, &none);
-        return -1000 - packet_clt_socket();
+        return packet_clt_socket() == PACKETERRSOCKET ? 0 : 1;
     });
-    EXPECT_EQ(child.exit_code(), -1000 - PACKETERRSOCKET);
+    EXPECT_EQ(child.exit_code(), 0);
     EXPECT_EQ(child.output(),
               "test: packet_srv_bound_socket: socket( AF_INET, SOCK_DGRAM ) errmsg: Too many open files!\n");
 }
@@ -125,12 +121,13 @@ protected:
 };
 
 TEST_F(Datagrams, ArriveWithTheirSender) {
+    const uint16_t port = ntohs(clientAddress.sin_port);
     ASSERT_EQ(send(std::string("ab\0c", 4)), 0);
     EXPECT_EQ(read(server.get()), 4);
     EXPECT_EQ(received.substr(0, 5), std::string("ab\0c#", 5)) << "nothing is written behind what came";
     EXPECT_EQ(peerSize, 16);
     EXPECT_EQ(peer.sin_family, AF_INET);
-    EXPECT_EQ(peer.sin_port, clientAddress.sin_port);
+    EXPECT_EQ(ntohs(peer.sin_port), port);
     EXPECT_EQ(peer.sin_addr.s_addr, LOOPBACK);
 
     ASSERT_EQ(send(""), 0);
@@ -138,12 +135,16 @@ TEST_F(Datagrams, ArriveWithTheirSender) {
     ASSERT_EQ(packet_sendto_ip(client.get(), "longer", 6, INADDR_LOOPBACK, ntohs(serverAddress.sin_port)), 0);
     EXPECT_EQ(read(server.get(), 4), 4);
     EXPECT_EQ(received, "long");
-}
 
-TEST_F(Datagrams, WaitWithoutLimit) {
-    ASSERT_EQ(send("x"), 0);
+    for (const char *text : {"x", "y"}) ASSERT_EQ(send(text), 0);
     char byte;
-    EXPECT_EQ(packet_read(server.get(), &byte, 1, &peer, &peerSize, nullptr), 1);
+    uint32_t ip = 0;
+    uint16_t from = 0;
+    EXPECT_EQ(packet_read(server.get(), &byte, 1, &peer, &peerSize, nullptr), 1) << "no limit";
+    EXPECT_EQ(packet_readUDP(server.get(), &byte, 1, &ip, &from), 1);
+    EXPECT_EQ(byte, 'y');
+    EXPECT_EQ(ip, static_cast<uint32_t>(INADDR_LOOPBACK));
+    EXPECT_EQ(from, port);
 }
 
 TEST_F(Datagrams, WaitEndsQuietly) {
@@ -151,9 +152,7 @@ TEST_F(Datagrams, WaitEndsQuietly) {
         EXPECT_EQ(read(server.get(), 64, 0), PACKETERRTIMEOUT);
         EXPECT_EQ(read(server.get(), 64, 20), PACKETERRTIMEOUT);
         process_context.running = 0;
-        const time_t start = time(nullptr);
         EXPECT_EQ(read(server.get()), PACKETERRINTR);
-        EXPECT_LT(time(nullptr) - start, 4) << "it waited although the process is to end";
         ASSERT_EQ(send("x"), 0);
         EXPECT_EQ(read(server.get()), PACKETERRINTR);
     });
@@ -250,16 +249,6 @@ TEST_F(Datagrams, BadSocketsAreReported) {
     for (const Row &row : rows) {
         EXPECT_EQ(told([&] { EXPECT_EQ(row.call(), row.code) << row.lines; }), row.lines);
     }
-}
-
-TEST_F(Datagrams, AreReadWithoutWaitingToo) {
-    ASSERT_EQ(send("abc"), 0);
-    char buffer[8];
-    uint32_t ip = 0;
-    uint16_t port = 0;
-    EXPECT_EQ(packet_readUDP(server.get(), buffer, sizeof buffer, &ip, &port), 3);
-    EXPECT_EQ(ip, static_cast<uint32_t>(INADDR_LOOPBACK));
-    EXPECT_EQ(port, ntohs(clientAddress.sin_port));
 }
 
 TEST_F(Datagrams, ThatCantBeSentAreReported) {

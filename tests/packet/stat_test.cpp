@@ -70,30 +70,30 @@ TEST_F(Statistics, ClassifyByTheFirstBytes) {
     };
     const std::string shown_key = "a4" + std::string(32, '7');
     for (const Row &row : {Row{"", 512},
-                           Row{"00", 0},
-                           Row{"3d", 61},
-                           Row{"ffff", 255},
-                           Row{"05 00000001 2a", 5},
-                           Row{"03 00000000", 512},
-                           Row{"03 00000000 2a", 298},
-                           Row{"04 00000000", 512},
-                           Row{"04 00000000 2a", 4},
-                           Row{"04 00000001 2a", 298},
-                           Row{"04 01000000 ff", 511},
-                           Row{"04 01000000", 512},
-                           Row{"15 00000000 0000 2a", 21},
-                           Row{"16 00000000 0000", 512},
-                           Row{"16 00000000 0000 2a", 298},
-                           Row{"1e 00000000 0000 00", 256},
-                           Row{"1f 00000000 0000 2a", 31},
-                           Row{"0d 00", 512},
-                           Row{"0d 0000 00", 512},
-                           Row{"0d 0000 00 04 00000001 80", 384},
-                           Row{"0d 0000 00 0d 0000 00 97", 151},
-                           Row{"a4 0000", 512},
-                           Row{shown_key, 512},
-                           Row{shown_key + "97", 151},
-                           Row{shown_key + "0d 0000 00 03 00000000 01", 257}}) {
+                           {"00", 0},
+                           {"3d", 61},
+                           {"ffff", 255},
+                           {"05 00000001 2a", 5},
+                           {"03 00000000", 512},
+                           {"03 00000000 2a", 298},
+                           {"04 00000000", 512},
+                           {"04 00000000 2a", 4},
+                           {"04 00000001 2a", 298},
+                           {"04 01000000 ff", 511},
+                           {"04 01000000", 512},
+                           {"15 00000000 0000 2a", 21},
+                           {"16 00000000 0000", 512},
+                           {"16 00000000 0000 2a", 298},
+                           {"1e 00000000 0000 00", 256},
+                           {"1f 00000000 0000 2a", 31},
+                           {"0d 00", 512},
+                           {"0d 0000 00", 512},
+                           {"0d 0000 00 04 00000001 80", 384},
+                           {"0d 0000 00 0d 0000 00 97", 151},
+                           {"a4 0000", 512},
+                           {shown_key, 512},
+                           {shown_key + "97", 151},
+                           {shown_key + "0d 0000 00 03 00000000 01", 257}}) {
         const Bytes packet = bytes_of(row.packet);
         EXPECT_EQ(packet_stat_type(packet.data(), static_cast<int>(packet.size())), row.expected) << row.packet;
     }
@@ -164,11 +164,10 @@ TEST_F(Statistics, BytesCarryIntoGigabytesThatLackAByte) {
 }
 
 TEST_F(Statistics, ReportShowsTotalsAndRates) {
-    for (const auto &[total, times] : {std::pair{PACKET_STAT_READ_CALL, 3},
-                                       {PACKET_STAT_READ_FAIL, 1},
-                                       {PACKET_STAT_SEND_CALL, 4},
-                                       {PACKET_STAT_SEND_FAIL, 5}}) {
-        for (int time = 0; time < times; time++) packet_stat_count(total);
+    for (const PacketTotal total :
+         {PACKET_STAT_READ_CALL, PACKET_STAT_READ_CALL, PACKET_STAT_READ_FAIL, PACKET_STAT_SEND_CALL,
+          PACKET_STAT_SEND_CALL, PACKET_STAT_SEND_CALL, PACKET_STAT_SEND_FAIL}) {
+        packet_stat_count(total);
     }
     for (int back = 0; back <= 60; back++) {
         count(NOW - 1 - back, PACKET_IN, back);
@@ -185,8 +184,8 @@ TEST_F(Statistics, ReportShowsTotalsAndRates) {
     next = NOW;
     EXPECT_EQ(report([](time_t *) { return next++; }),  // each window asks for the time
               "\nPacket Statistics:\n\nRemote Packets:\n"
-              " packet_read calls 3\n packet_read fails 1\n packets received  61\n gigabytes recvd   0\n"
-              " bytes received    3538\n sendto calls      4\n sendto fails      5\n packets sent      61\n"
+              " packet_read calls 2\n packet_read fails 1\n packets received  61\n gigabytes recvd   0\n"
+              " bytes received    3538\n sendto calls      3\n sendto fails      1\n packets sent      61\n"
               " gigabytes sent    0\n bytes sent        9638\n" +
                   rates("Packet statistics for last second", "1", "28", "1", "128") +
                   rates("Packet statistics for last 10 seconds", "0", "28", "0", "118") +
