@@ -117,6 +117,11 @@ TEST_F(IpCheck, ServesTheAllowedButForTheDenied) {
          }) {
         EXPECT_EQ(check(row.arguments, asked).verdicts, row.verdicts) << testing::PrintToString(row.arguments);
     }
+    const std::string unknown(64, 'x');  // no label of a name may be so long: fails without a question
+    process_context.bindIp = unknown.c_str();
+    EXPECT_EQ(check({}, asked).verdicts, "00000") << "without an address of its own a server serves nobody";
+    process_context.bindIp = nullptr;
+
     const std::string lines = check({"-ipallow10.*", "-ipdeny10.0.0.1"}, {"11.0.0.1", "10.0.0.1", "10.0.0.2"}).lines;
     EXPECT_NE(lines.find("\"10.0.0.1\"\n"
                          "test: IP.LOG: Request from IP address \"11.0.0.1\" not allowed by configuration.\n"

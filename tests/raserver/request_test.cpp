@@ -170,14 +170,18 @@ TEST_F(Requests, TakeAnAccessKeyOff) {
     EXPECT_EQ(anna.answer(prefix + packet(151)), packet(152)) << "one byte is enough behind it";
 }
 
-TEST(RequestsWithoutAKey, GetALineAndNoReply) {
-    ServerProcess server{{.checkKeys = true}};
-    TestClient stranger{server.port()};
+TEST(RequestsOfStrangers, GetALineAndNoReply) {
+    const ServerProcess server{{.checkKeys = true}};
+    TestClient keyless{server.port()}, foreign{server.port(), "127.0.0.1", "127.0.0.2"};
     const LogWatch log = server.watch();
-    EXPECT_TRUE(stranger.stays_silent(request_datagram(1, {"DB", "G", "T", "ID", "1", "A"})));
-    EXPECT_TRUE(stranger.stays_silent(request_datagram(2, {}, 4)));
+    for (TestClient *client : {&keyless, &foreign}) {
+        EXPECT_TRUE(client->stays_silent(request_datagram(1, {"DB", "G", "T", "ID", "1", "A"})));
+        EXPECT_TRUE(client->stays_silent(request_datagram(2, {}, 4)));
+    }
     EXPECT_EQ(log.count("RA.LOG raUdpRequest 1 without access key from 127.0.0.1:"), 1);
     EXPECT_EQ(log.count("RA.LOG raUdpRequest 4 without access key from 127.0.0.1:"), 1);
+    EXPECT_EQ(log.count("IP.LOG: Request from IP address \"127.0.0.2\" not allowed by configuration.\n"), 2);
+    EXPECT_EQ(log.count("\n"), 4) << log.text();
 }
 
 }  // namespace
