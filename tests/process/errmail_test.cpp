@@ -85,27 +85,26 @@ TEST_F(ErrorMail, GivesTheToolSubjectAndTextAndNothingElseOfTheProcess) {
 }
 
 TEST_F(ErrorMail, GoesOutOnceAnHourByAClockThatNobodySets) {
-    struct Row {
+    struct Step {
         process::MailTime now;
         size_t mails;
         std::string line;
     };
     const std::string line = "a line of the tool\n";
-    Child child([&](Child &self) {
-        start_or_die(root, {"prog"}, {.log = 1});
-        size_t row = 0;
-        for (const Row &step :
-             {Row{{WALL, 7}, 1, line}, Row{{WALL + 9, 7}, 1, NOT_AGAIN}, Row{{WALL + 90'000, 3606}, 1, NOT_AGAIN},
-              Row{{WALL - 90'000, 3607}, 2, line}, Row{{WALL, 3608}, 2, NOT_AGAIN}, Row{{WALL, 7207}, 3, line}}) {
-            const LogWatch log(root.path("log/prog.log"));
-            mail_at(step.now, "x\n");
-            if (!wait_for_mails(step.mails) || log.text() != step.line) self.report("row " + std::to_string(row));
-            row++;
-        }
-        self.report("done");
-        return 0;
-    });
-    EXPECT_EQ(child.next_report(), "done");
+    EXPECT_EQ(
+        outcome([&](Child &) {
+            start_or_die(root, {"prog"}, {.log = 1});
+            for (const Step &step : {Step{{WALL, 7}, 1, line}, Step{{WALL + 9, 7}, 1, NOT_AGAIN},
+                                     Step{{WALL + 90'000, 3606}, 1, NOT_AGAIN}, Step{{WALL - 90'000, 3607}, 2, line},
+                                     Step{{WALL, 3608}, 2, NOT_AGAIN}, Step{{WALL, 7207}, 3, line}}) {
+                const LogWatch log(root.path("log/prog.log"));
+                mail_at(step.now, "x\n");
+                if (!wait_for_mails(step.mails) || log.text() != step.line) return static_cast<int>(step.mails);
+            }
+            return 0;
+        }),
+        "0 ")
+        << "1: mails sent until it failed";
 }
 
 TEST_F(ErrorMail, CutsALongTextAndStillGoesOut) {

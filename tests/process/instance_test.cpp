@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <filesystem>
+#include <fstream>
 
 #include "process/owned.h"
 #include "tests/process/start.h"
@@ -21,7 +22,7 @@ protected:
     const RootFolder root;
     std::string status(int slot) const { return root.read("status/prog." + std::to_string(slot)); }
     void expect_held(const std::string &file, const Child &holder, const std::string &behind = "") const {
-        EXPECT_TRUE(matches(root.read("status/" + file), eight_digits(holder.pid()) + " " + form::CTIME + behind));
+        EXPECT_TRUE(matches(root.read("status/" + file), {eight_digits(holder.pid()), " ", form::CTIME, behind}));
         EXPECT_TRUE(is_locked_by(root.path("status/" + file), holder.pid())) << file;
     }
 };
@@ -99,8 +100,7 @@ TEST_F(InstanceSlots, DaemonLeavesTheTerminalAndHoldsTheLockItself) {
         struct sigaction hangup {};
         sigaction(SIGHUP, nullptr, &hangup);
         const OwnedBlock<char> directory(get_current_dir_name());
-        self.report(std::to_string(getpid()));
-        self.report(std::to_string(getpgrp()));
+        for (const pid_t id : {getpid(), getpgrp()}) self.report(std::to_string(id));
         self.report(std::string(directory.get()) + " " + std::to_string(umask(0)) + " " +
                     (hangup.sa_handler == SIG_DFL ? "dies of SIGHUP" : "stays"));
         const time_t end = time(nullptr) + 60;  // if the test itself comes to an end before
@@ -129,58 +129,42 @@ TEST_F(InstanceSlots, DaemonLeavesTheTerminalAndHoldsTheLockItself) {
 
 /* ---- Giving up root rights ---------------------------------------------------------------------------------- */
 
-struct Rights {
-    const passwd *user = getpwnam("nobody");
-    uid_t uid = user != nullptr ? user->pw_uid : 0;
-    gid_t gid = user != nullptr ? user->pw_gid : 0;
-};
-
+/** User, groups and supplementary groups, as the system shows them. */
 std::string rights_now() {
-    uid_t real, effective, saved;
-    gid_t realGroup, effectiveGroup, savedGroup;
-    getresuid(&real, &effective, &saved);
-    getresgid(&realGroup, &effectiveGroup, &savedGroup);
-    std::vector<gid_t> supplementary(64);
-    supplementary.resize(static_cast<size_t>(std::max(0, getgroups(64, supplementary.data()))));
-    std::erase(supplementary, effectiveGroup);
-    struct stat log {
-    }, status{};
-    fstat(STDERR_FILENO, &log);
-    fstat(process_context.lockFd, &status);
-    std::string text;
-    for (const unsigned number : {real, effective, saved, realGroup, effectiveGroup, savedGroup, log.st_uid,
-                                  log.st_gid, status.st_uid, status.st_gid}) {
-        text += std::to_string(number) + " ";
+    std::ifstream source("/proc/self/status");
+    std::string rights;
+    for (std::string line; std::getline(source, line);) {
+        if (line.starts_with("Uid:") || line.starts_with("Gid:") || line.starts_with("Groups:")) rights += line + " ";
     }
-    return text + "others " + std::to_string(supplementary.size());
+    return rights;
 }
 
 TEST_F(InstanceSlots, RootRightsGoWithAllGroupsAndTheFilesChangeHands) {
-    const Rights nobody;
-    if (getuid() != 0 || nobody.uid == 0 || nobody.gid == 0) GTEST_SKIP() << "needs root and the user nobody";
-    const std::string uid = std::to_string(nobody.uid), gid = std::to_string(nobody.gid);
-    const group *named = getgrgid(nobody.gid);
-    ASSERT_NE(named, nullptr);
+    const passwd *nobody = getpwnam("nobody");
+    const group *named = nobody != nullptr ? getgrgid(nobody->pw_gid) : nullptr;
+    if (getuid() != 0 || named == nullptr) GTEST_SKIP() << "needs root and the user nobody";
+    const std::string uid = std::to_string(nobody->pw_uid), gid = std::to_string(nobody->pw_gid);
     const std::string group_name = named->gr_name;
     for (const auto &[options, group_line] :
-         {std::pair{Strings{"-setusername", "nobody"}, "Running as group " + gid + "\n"},
-          {{"-setusernamenobody", "-setgroupname" + group_name},
+         {std::pair{Strings{"prog", "-setusername", "nobody"}, "Running as group " + gid + "\n"},
+          {{"prog", "-setusernamenobody", "-setgroupname" + group_name},
            "Running as group " + gid + " " + group_name + "\n"}}) {
         const RootFolder own;
         Child child([&, given = options](Child &self) {
             const gid_t roots[] = {0, 1, 2};
             if (setgroups(3, roots) != 0) return 1;
-            Strings arguments{"prog"};
-            arguments.insert(arguments.end(), given.begin(), given.end());
-            start_or_die(own, arguments, {.log = 1, .processes = 1});
+            start_or_die(own, given, {.log = 1, .processes = 1});
             process_set_user();
             self.report(rights_now());
             return 0;
         });
-        std::string expected;
-        for (const std::string &number : {uid, uid, uid, gid, gid, gid, uid, gid, uid, gid}) expected += number + " ";
-        EXPECT_EQ(child.next_report(), expected + "others 0");
+        EXPECT_TRUE(matches(child.next_report(), {"Uid:(\t", uid, "){4} Gid:(\t", gid, "){4} Groups:\\s*"}));
         EXPECT_EQ(child.exit_code(), 0);
+        for (const char *file : {"log/prog.log", "status/prog.1"}) {
+            struct stat found {};
+            stat(own.path(file).c_str(), &found);
+            EXPECT_EQ(std::to_string(found.st_uid) + " " + std::to_string(found.st_gid), uid + " " + gid) << file;
+        }
         EXPECT_TRUE(matches(own.log("prog.log"), {form::L, "STARTED at ", form::CTIME, form::L, group_line, form::L,
                                                   "Running as user ", uid, " nobody\n"}));
     }
@@ -188,9 +172,8 @@ TEST_F(InstanceSlots, RootRightsGoWithAllGroupsAndTheFilesChangeHands) {
 
 TEST_F(InstanceSlots, WithoutRootRightsThereIsNothingToGiveUp) {
     EXPECT_EQ(outcome([&](Child &) {
-                  if (getuid() == 0 && setuid(Rights().uid) != 0) return 77;
-                  if (start({"prog", "-setusername", "root", "-setgroupname", "root", "-VELROOT", "/nowhere"}) != 0)
-                      return 1;
+                  if (getuid() == 0 && setuid(getpwnam("nobody")->pw_uid) != 0) return 77;
+                  start_or_die(root, {"prog", "-setusername", "root", "-setgroupname", "root"});
                   process_set_user();
                   return 0;
               }),

@@ -46,8 +46,7 @@ TEST_F(LogPrinters, WriteEachKindOfLineAtOnce) {
         return kill(getpid(), SIGKILL);  // what was printed is in the files already
     });
     EXPECT_EQ(child.exit_code(), -SIGKILL);
-    const std::string trace = form::T + "elsewhere\n";
-    EXPECT_TRUE(matches(root.read("trace"), trace));
+    EXPECT_TRUE(matches(root.read("trace"), {form::T, "elsewhere\n"}));
     EXPECT_TRUE(matches(logged(),
                         {form::L, "text 5 five\n", form::E, "bad: thing\n", form::T, "seen x\n", form::T, "back\n"}));
     const std::string pid = " PID " + std::to_string(child.pid()) + ":";
@@ -86,7 +85,7 @@ TEST_F(LogPrinters, WriteToStandardOutputWithoutALog) {
         process_error("error\n");
         return process_trace("trace\n");
     });
-    EXPECT_TRUE(matches(written, "0 \\(null\\): early 1\nprog: log\nprog: error\n" + form::T + "trace\n"));
+    EXPECT_TRUE(matches(written, {"0 \\(null\\): early 1\nprog: log\nprog: error\n", form::T, "trace\n"}));
 }
 
 TEST_F(LogPrinters, KeepLongLinesWhole) {
@@ -152,7 +151,7 @@ TEST_F(ProcessExit, IsToldAndTheHookMayChangeItsCode) {
         EXPECT_EQ(child.next_report(), "(nothing)") << "the hook is called once";
         EXPECT_TRUE(matches(without_mail(without_first_line(own.log("prog.log"))),
                             {row.lines, "EXITING! exitcode ", code, " at ", form::CTIME, "\n"}));
-        EXPECT_TRUE(matches(own.read("status/prog.1"), "0{8} " + form::CTIME));
+        EXPECT_TRUE(matches(own.read("status/prog.1"), {"0{8} ", form::CTIME}));
     }
     EXPECT_EQ(outcome([&](Child &) {
                   start_or_die(root, {"prog"});

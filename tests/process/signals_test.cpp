@@ -201,20 +201,20 @@ TEST_F(Signals, TurnTheLogOverUnderLoad) {
     const int lines = std::stoi("0" + child.next_report());
     ASSERT_EQ(child.exit_code(), 0);
     ASSERT_NO_FATAL_FAILURE(expect_whole_lines_once(root, lines));
-    EXPECT_TRUE(matches(root.log("old.7").substr(0, root.log("old.7").find('\n') + 1), SINCE));
+    EXPECT_TRUE(matches(root.log("old.7").substr(0, root.log("old.7").find('\n') + 1), {SINCE}));
 }
 
 /* ---- The log file ------------------------------------------------------------------------------------------- */
 
 TEST_F(Signals, ReportALogThatCannotBeReopenedInTheOldOne) {
-    Child child([&](Child &) {
-        start_like_a_daemon();
-        fs::rename(root.path("log"), root.path("gone"));
-        raise(SIGHUP);
-        process_log("goes on\n");
-        return 0;
-    });
-    EXPECT_EQ(child.exit_code(), 0);
+    EXPECT_EQ(outcome([&](Child &) {
+                  start_like_a_daemon();
+                  fs::rename(root.path("log"), root.path("gone"));
+                  raise(SIGHUP);
+                  process_log("goes on\n");
+                  return 0;
+              }),
+              "0 ");
     const std::string path = root.path("log/prog.log");
     EXPECT_TRUE(matches(without_mail(without_first_line(root.read("gone/prog.log"))),
                         {form::L, "Received a SIGHUP. Closing log!\n", form::L, "Reopening log file ", path, "!\n",
@@ -265,52 +265,52 @@ TEST_F(Signals, TellTheStartInTheTimeOfItsSeason) {
 }
 
 TEST_F(Signals, ReopeningKnowsLongPathsAndProcessesWithoutALog) {
-    Child child([&](Child &) {
-        start_or_die(root, {"prog"});
-        if (process_log_reopen() != 0) return 1;
-        const std::string longest(1009, 'r'), longer(1010, 'r');  // with "prog" and 10: 1023, and one too many
-        process_context.rootDir = longest.c_str();
-        if (process_log_reopen() != 0) return 2;
-        process_context.rootDir = longer.c_str();
-        return -process_log_reopen();
-    });
-    EXPECT_EQ(child.exit_code(), 14);
-    const std::string path = root.path("log/prog.log");
-    EXPECT_TRUE(child.output().starts_with("prog: Reopening log file " + path +
-                                           "!\nprog: Cannot reopen log file, not a file!\n"));
-    EXPECT_TRUE(
-        child.output().ends_with("prog: Path names too long ! rootdir " + std::string(1010, 'r') + " name prog\n"));
+    const std::string longest(1009, 'r'), longer(1010, 'r');  // with "prog" and 10: 1023, and one too many
+    const auto told = [](const std::string &folder) {
+        return "prog: Reopening log file " + folder + "/log/prog.log!\nprog: Cannot reopen log file, not a file!\n";
+    };
+    EXPECT_EQ(
+        outcome([&](Child &) {
+            start_or_die(root, {"prog"});
+            if (process_log_reopen() != 0) return 1;
+            process_context.rootDir = longest.c_str();
+            if (process_log_reopen() != 0) return 2;
+            process_context.rootDir = longer.c_str();
+            return -process_log_reopen();
+        }),
+        "14 " + told(root.path()) + told(longest) + "prog: Path names too long ! rootdir " + longer + " name prog\n");
+}
+
+std::string name_of_a_copy() {
+    char name[32];
+    const time_t now = time(nullptr);
+    strftime(name, sizeof name, "%Y%m%d.log", localtime(&now));
+    return std::string("ch") + (name + 2);
 }
 
 TEST_F(Signals, DatedCopiesOfADayPileUpInOneFile) {
-    const std::string content = std::string(40000, 'x') + "end\n";
+    const std::string content = std::string(40000, 'x') + "end\n", longer(1007, 'r'), before = name_of_a_copy();
     root.write("source", content);
-    Child child([&](Child &) {
+    const std::string told = outcome([&](Child &) {
         start_or_die(root, {"prog"});
         const OwnedFd source(open(root.path("source").c_str(), O_RDONLY));
-        const OwnedFd writeOnly(open(root.path("source").c_str(), O_WRONLY));
+        const OwnedFd write_only(open(root.path("source").c_str(), O_WRONLY));
         int ends[2];
         if (process_log_copy(source.get()) != 0 || process_log_copy(source.get()) != 0) return 1;
-        if (pipe(ends) != 0 || process_log_copy(ends[0]) != -2 || process_log_copy(writeOnly.get()) != -3) return 2;
+        if (pipe(ends) != 0 || process_log_copy(ends[0]) != -2 || process_log_copy(write_only.get()) != -3) return 2;
         fs::rename(root.path("log"), root.path("kept"));
         if (process_log_copy(source.get()) != -1) return 3;
-        const std::string longer(1007, 'r');
         process_context.rootDir = longer.c_str();
         return -process_log_copy(source.get());
     });
-    EXPECT_EQ(child.exit_code(), 14);
-    char today[32];
-    const time_t now = time(nullptr);
-    strftime(today, sizeof today, "%Y%m%d", localtime(&now));
-    const std::string name = "ch" + std::string(today + 2) + ".log";
+    const std::string name = fs::exists(root.path("kept/" + before)) ? before : name_of_a_copy();
     EXPECT_EQ(root.read("kept/" + name), content + content);
-    const std::string path = root.path("log/" + name), copying = "prog: Copying log file to " + path + "!\n";
-    const std::string failed = "prog: process_log_reopen: ";
-    EXPECT_EQ(child.output(), copying + copying + copying + failed + "Could not seek in logfile, Illegal seek\n" +
-                                  copying + failed + "Read " + path + ", 16384 bytes failed, Bad file descriptor\n" +
-                                  copying + failed + "Could not open " + path + ", No such file or directory\n" +
-                                  "prog: Path names too long ! rootdir " + std::string(1007, 'r') +
-                                  " name ch123456.log\n");
+    const std::string path = root.path("log/" + name), copying = "prog: Copying log file to " + path + "!\n",
+                      failed = "prog: process_log_reopen: ";
+    EXPECT_EQ(told, "14 " + copying + copying + copying + failed + "Could not seek in logfile, Illegal seek\n" +
+                        copying + failed + "Read " + path + ", 16384 bytes failed, Bad file descriptor\n" + copying +
+                        failed + "Could not open " + path + ", No such file or directory\n" +
+                        "prog: Path names too long ! rootdir " + longer + " name ch123456.log\n");
 }
 
 }  // namespace

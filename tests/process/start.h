@@ -74,16 +74,12 @@ const std::string T = R"(T\d{14}\.\d{6} PID \d+: )";
 const std::string CTIME = R"([A-Z][a-z]{2} [A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d \d{4}\n)";
 }  // namespace form
 
-inline testing::AssertionResult matches(const std::string &text, const std::string &expression) {
-    if (std::regex_match(text, std::regex(expression))) return testing::AssertionSuccess();
-    return testing::AssertionFailure() << "\"" << text << "\"\n is not of the form\n" << expression;
-}
-
-/** The same for a form that is put together of several. */
+/** Whether a text is of a form, which is put together of several. */
 inline testing::AssertionResult matches(const std::string &text, std::initializer_list<std::string> parts) {
     std::string expression;
     for (const std::string &part : parts) expression += part;
-    return matches(text, expression);
+    if (std::regex_match(text, std::regex(expression))) return testing::AssertionSuccess();
+    return testing::AssertionFailure() << "\"" << text << "\"\n is not of the form\n" << expression;
 }
 
 inline std::string without_first_line(const std::string &text) { return text.substr(text.find('\n') + 1); }

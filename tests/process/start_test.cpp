@@ -165,7 +165,7 @@ TEST(StartLog, TakesStandardErrorAndDropsLowDescriptors) {
     });
     EXPECT_EQ(ended, "0 ") << "2: descriptors, 3: not close-on-exec";
     EXPECT_TRUE(matches(root.log("prog.log"),
-                        "from the last run\n" + form::L + "STARTED at " + form::CTIME + "written by hand\n"));
+                        {"from the last run\n", form::L, "STARTED at ", form::CTIME, "written by hand\n"}));
     EXPECT_EQ(fs::status(root.path("status/prog.1")).permissions(), fs::perms(0664));
 }
 
