@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <deque>
 #include <regex>
 #include <string>
@@ -62,6 +63,7 @@ inline std::string outcome(const std::function<int(Child &self)> &work) {
 
 /** A process that holds an instance slot, has reported "ready" and waits. */
 inline int hold_slot(const Child &self, const RootFolder &root, const std::string &name) {
+    umask(0);
     start_or_die(root, {name}, {.processes = 8});
     self.report("ready");
     wait_to_be_killed();
