@@ -103,21 +103,17 @@ TEST_F(Statistics, ClassifyByTheFirstBytes) {
 
 TEST_F(Statistics, KeepSidesAndDirectionsApart) {
     count(NOW, PACKET_IN, 1, PEER, PING);
-    count(NOW, PACKET_OUT, 2, PEER, PING);
-    count(NOW, PACKET_OUT, 3, PEER, PING);
+    for (const int length : {2, 3}) count(NOW, PACKET_OUT, length, PEER, PING);
     count(NOW, PACKET_IN, 4, OWN, PING);
     count(NOW, PACKET_OUT, 5, OWN, PING);
-    const Counts remote{1, 29, 2, 61}, local{1, 32, 1, 33};
-    EXPECT_EQ(window(NOW + 1, 1), remote);
-    EXPECT_EQ(window(NOW + 1, 1, PACKET_LOCAL), local);
-    EXPECT_EQ(take(151), remote);
-    EXPECT_EQ(take(151), NOTHING) << "taken is taken";
-    EXPECT_EQ(take(151, PACKET_LOCAL), local);
-    EXPECT_EQ(take(151, PACKET_LOCAL), NOTHING);
-
+    for (const auto &[side, expected] :
+         {std::pair{PACKET_REMOTE, Counts{1, 29, 2, 61}}, {PACKET_LOCAL, Counts{1, 32, 1, 33}}}) {
+        EXPECT_EQ(window(NOW + 1, 1, side), expected);
+        EXPECT_EQ(take(151, side), expected);
+        EXPECT_EQ(take(151, side), NOTHING) << "taken is taken";
+    }
     packet_bound_ip = 0;
-    count(NOW, PACKET_IN, 1, 0, PING);
-    count(NOW, PACKET_IN, 1, OWN, PING);
+    for (const uint32_t peer : {uint32_t{0}, OWN}) count(NOW, PACKET_IN, 1, peer, PING);
     EXPECT_EQ(take(151), (Counts{2, 58, 0, 0})) << "without an address of our own all is remote";
 }
 
