@@ -51,6 +51,14 @@ protected:
         root.write("etc/access.key", file);
         in_child(work);
     }
+    /** The same, where look-ups of 10.0.0.1 and so on are all the work. */
+    void expect_keys(const std::string &file, const std::vector<std::string> &expected) {
+        with_file(file, [&] {
+            for (size_t at = 0; at < expected.size(); at++) {
+                EXPECT_EQ(key_of(("10.0.0." + std::to_string(at + 1)).c_str()), expected[at]);
+            }
+        });
+    }
     int lines_with(const std::string &wanted) const {
         int count = 0;
         for (size_t at = 0; (at = lines.find(wanted, at)) != std::string::npos; at++) count++;
@@ -81,15 +89,10 @@ TEST_F(AccessKeys, AreDecodedStepByStep) {
 }
 
 TEST_F(AccessKeys, OfAFileAreDecodedOneOverTheOther) {
-    const std::string file = "10.0.0.1 " + OWN_TEXT + "\n10.0.0.2 bcde\n10.0.0.3 EnCrypt \t " + std::string(31, 'b') +
-                             "\n10.0.0.4 encrypt" + OWN_TEXT + "A\n";
-    with_file(file, [] {
-        EXPECT_EQ(key_of("10.0.0.1"), OWN_KEY + " 1");
-        EXPECT_EQ(key_of("10.0.0.2"), "12345723401234f1234012349b234012 1") << "the key in front shows through";
-        EXPECT_EQ(key_of("10.0.0.3"), std::string(31, '1') + "0 2");
-        EXPECT_EQ(key_of("10.0.0.4"), OWN_KEY + " 2");
-        EXPECT_EQ(key_of("10.0.0.5"), "none 0");
-    });
+    expect_keys("10.0.0.1 " + OWN_TEXT + "\n10.0.0.2 bcde\n10.0.0.3 EnCrypt \t " + std::string(31, 'b') +
+                    "\n10.0.0.4 encrypt" + OWN_TEXT + "A\n",
+                {OWN_KEY + " 1", "12345723401234f1234012349b234012 1",  // the key in front shows through
+                 std::string(31, '1') + "0 2", OWN_KEY + " 2", "none 0"});
 }
 
 TEST_F(AccessKeys, OfNamesAreFoundUnderTheirAddress) {
@@ -141,24 +144,14 @@ TEST_F(AccessKeys, EmptyKeyDamagesThoseAheadOfIt) {
     const std::string zero = "00" + std::string(30, '3');
     const std::string file = "10.0.0.1 " + zero + "\n10.0.0.2 encrypt " + all('1') + "\n10.0.0.3 " + all('3') +
                              "\n10.0.0.4 encrypt\n10.0.0.5 " + all('2') + "\n";
-    with_file(file, [] {
-        // The first key begins with a zero byte and so counts as empty itself. The second holds no digits: it becomes
-        // the one decoded last and loses its mark. The third is made of digits that spell itself.
-        EXPECT_EQ(key_of("10.0.0.1"), "none 0");
-        EXPECT_EQ(key_of("10.0.0.2"), all('3') + " 1");
-        EXPECT_EQ(key_of("10.0.0.3"), all('3') + " 1");
-        EXPECT_EQ(key_of("10.0.0.4"), "none 0");
-        EXPECT_EQ(key_of("10.0.0.5"), all('2') + " 1");
-    });
+    // The first key begins with a zero byte and so counts as empty itself. The second holds no digits: it becomes the
+    // one decoded last and loses its mark. The third is made of digits that spell itself.
+    expect_keys(file, {"none 0", all('3') + " 1", all('3') + " 1", "none 0", all('2') + " 1"});
     const std::string bad = LABEL + "Bad or missing accesskey for host \"10.0.0.";
     EXPECT_TRUE(lines.starts_with(bad + "4\"\n" + bad + "1\"\ntest: Packet")) << lines;
 
-    process_context.logReady = 0;
-    with_file(file, [&] {
-        EXPECT_EQ(key_of("10.0.0.1"), zero + " 1");
-        EXPECT_EQ(key_of("10.0.0.2"), all('1') + " 2");
-        EXPECT_EQ(key_of("10.0.0.4"), all('3') + " 2") << "the key of the entry in front";
-    });
+    process_context.logReady = 0;  // and the fourth then gets the key of the entry in front
+    expect_keys(file, {zero + " 1", all('1') + " 2", all('3') + " 1", all('3') + " 2", all('2') + " 1"});
     EXPECT_EQ(lines, "");
 }
 

@@ -23,22 +23,12 @@ constexpr Answer answers[] = {
     {"000102030405060708090a0b0c0d0e0f1011121314151617", plain, "dda97ca4864cdfe06eaf70a0ec0d7191"},
     {"000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f", plain, "8ea2b7ca516745bfeafc49904b496089"}};
 
-TEST(Aes, GivesThePublishedAnswersOnEveryWay) {
+TEST(Aes, GivesThePublishedAnswers) {
     uint32_t schedule[PACKET_AES_SCHEDULE_WORDS];
     uint8_t block[16];
     for (const Answer &answer : answers) {
         const Bytes key = bytes_of(answer.key);
-        const int rounds = static_cast<int>(key.size()) / 4 + 6;
-        for (const AesPath *path : {&aes_by_tables, &aes_by_instructions}) {
-            if (path == &aes_by_instructions && !aes_has_instructions()) continue;
-            path->expand(schedule, key.data(), rounds);
-            path->encipher(schedule, rounds, bytes_of(answer.plain).data(), block, 1);
-            EXPECT_EQ(hex_of(block, 16), answer.enciphered) << path->name;
-            path->invert(schedule, rounds);
-            path->decipher(schedule, rounds, block, block, 1);
-            EXPECT_EQ(hex_of(block, 16), answer.plain) << path->name;
-        }
-        const int bits = static_cast<int>(key.size()) * 8;
+        const int bits = static_cast<int>(key.size()) * 8, rounds = bits / 32 + 6;
         EXPECT_EQ(packet_aes_key_enc(schedule, key.data(), bits), rounds);
         packet_aes_encrypt_block(schedule, rounds, bytes_of(answer.plain).data(), block);
         EXPECT_EQ(hex_of(block, 16), answer.enciphered);
