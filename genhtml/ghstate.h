@@ -1,7 +1,7 @@
 /* What the files of this folder share among themselves; nobody outside includes it.
  *
- * The two tables of a CGI program are here, the request's (input) and the template variables (replace table), with
- * the error slot of the ghs calls and the text helpers that both layers use. */
+ * The template variables, the error slot of the ghs calls, and the text helpers that both layers use. What only the gh
+ * layer needs stands in ghi.h. */
 #ifndef GENHTML_GHSTATE_H
 #define GENHTML_GHSTATE_H
 
@@ -16,7 +16,7 @@
 #include "genhtml/genhtml.h"
 #include "process/owned.h"
 
-namespace gh {
+namespace genhtml {
 
 // ---- Hardened: rules that a template or a client can notice, off unless asked for ------------------------------------
 
@@ -28,18 +28,6 @@ inline bool is_hardened() {
     }();
     return hardened;
 }
-
-// ---- genhtml.cpp: the request --------------------------------------------------------------------------------------
-
-struct Input {
-    PAA_S *table = nullptr;  // keys and values; null until the first store
-    long bytes = 0;          // lengths of all that was ever stored, keys and values
-    long pairs = 0;          // how many pairs were ever stored
-};
-extern Input input;
-
-/** The NOHTTPHEAD of the request, by which a sub-script knows its depth; null if there is none that counts. */
-const char *sub_script_mark();
 
 // ---- ghsvar.cpp: template variables ----------------------------------------------------------------------------------
 
@@ -148,6 +136,6 @@ struct DateText {
     char text[32];
 };
 
-}  // namespace gh
+}  // namespace genhtml
 
 #endif
