@@ -50,8 +50,18 @@ inline const char *variable(std::string_view name, int *length = nullptr) {
     return value_in(variables.table, name, length);
 }
 
-/** The handlers' answer for a name, or null. */
-const char *ask_handler(const std::string &name);
+/** Walks over the variables, oldest first, with their names and values, which may be written to in place. */
+template <class Action>
+void for_each_variable(Action action) {
+    if (variables.table == nullptr) return;
+    for (void *key = paaFirst(variables.table, nullptr); key != nullptr; key = paaNext(variables.table, nullptr)) {
+        void *value = paaCurrent(variables.table, nullptr);
+        if (value != nullptr) action(static_cast<const char *>(key), static_cast<char *>(value));
+    }
+}
+
+/** What the handler of a name says; null if there is none or it passes. */
+const char *ask_handler(std::string_view name);
 bool has_handlers();
 
 /** Sets the no-HTML mode and protects what is there. */
@@ -87,6 +97,11 @@ char *joined(const char *label, va_list pieces);
 /** Cuts a text as ghSplit does, into at most `most` items. The number; -1: no memory, code 10 is set; -2: there are
  *  more. After a failure no item is left. */
 int split(const char *text, const char *delimiters, char **items, int most);
+
+// ---- ghsscript.cpp ---------------------------------------------------------------------------------------------------
+
+/** Reads a key file into a table. False with code 10, 25 or 26. */
+bool read_key_file(const char *label, PAA_S *table, const char *path);
 
 // ---- ghstext.cpp -----------------------------------------------------------------------------------------------------
 
