@@ -166,7 +166,8 @@ PAA_S *ghReadArray(PAA_S *table, const char *file);
  *  Names are letters, digits and "_". A key that comes again is added to.
  *
  *  @param table  null: a new one is made, which the caller ends with paaDestroy
- *  @return the table; null if the file can't be opened or its path holds "..", noted by ghDebug. No memory: exit(0).
+ *  @return the table; null if the file can't be opened or its path holds "..": the error page is printed, but the
+ *          program goes on. A failure of the table: exit(0).
  */
 PAA_S *ghBMLToArray(PAA_S *table, const char *file);
 
@@ -229,7 +230,7 @@ void ghError(const char *format, ...) PROCESS_PRINTF(1, 2);
  *  a directory where a file "ghdebug" exists. */
 void ghDebug(const char *format, ...) PROCESS_PRINTF(1, 2);
 
-/** Names the debug file, cut at 1023 bytes, and writes there when the program started. */
+/** Names the debug file, cut at 1024 bytes, and writes there when the program started. */
 void ghDebugFile(const char *path);
 
 /** Returns 1 if debug output is on and a debug file is named, else 0. */

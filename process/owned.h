@@ -60,6 +60,12 @@ private:
     int fd_ = -1;
 };
 
+namespace process {
+/** Opens a log or status file, created with mode 0664, close-on-exec and without following a link. For root only a
+ *  regular file with one name will do: through any other a user could have root write where it shouldn't. */
+OwnedFd open_guarded(const char *path, int flags);
+}  // namespace process
+
 /** Closes a stream at the end. */
 class OwnedFile {
 public:

@@ -46,10 +46,6 @@ bool take_options(int *argc, char **argv);
 /** Writes the path of this process's log into `path`, whose room was checked. */
 void build_log_path(char (&path)[PATH_SIZE]);
 
-/** Opens a log or status file, created with mode 0664, close-on-exec and without following a link. For root only a
- *  regular file with one name will do: through any other a user could have root write where it shouldn't. */
-OwnedFd open_guarded(const char *path, int flags);
-
 /** Makes the log standard error, and standard output silent; closes what the starter left open. 0 or a code. */
 int redirect_output(const char *logPath);
 

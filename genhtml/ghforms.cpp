@@ -1,0 +1,251 @@
+/* What a page carries on to the next one: hidden fields, queries, links; the input as template variables; and a few
+ * readers of small files. */
+#include <errno.h>
+#include <string.h>
+
+#include <array>
+#include <string>
+#include <string_view>
+
+#include "genhtml/genhtml.h"
+#include "genhtml/ghi.h"
+
+namespace {
+
+constexpr int LINE_SIZE = 4096;
+constexpr char field_start[] = "<INPUT TYPE=\"hidden\" NAME=\"";
+
+/** Names of rights that a program gives, and no client. */
+constexpr std::array access_keys = {"isAdmin",         "isMember",   "isVisitor",   "chataccess",  "chatreadaccess",
+                                    "chatwriteaccess", "readaccess", "writeaccess", "owneraccess", "rightsaccess",
+                                    "deleteaccess",    "CITY_OWN",   "CITY_WRITE",  "UPDATEOK",    "isOwner"};
+
+bool is_listed(const char *key, char **list) {
+    if (list == nullptr) return false;
+    while (*list != nullptr && strcmp(*list, key) != 0) list++;
+    return *list != nullptr;
+}
+
+void append_field(std::string &fields, const char *key, const char *value) {
+    fields += field_start;
+    genhtml::append_protected(fields, key);
+    fields += "\" VALUE=\"";
+    genhtml::append_protected(fields, value);
+    fields += "\">\n";
+}
+
+/** The room that the fields were once given: log readers know the number. The text itself grows as it needs. */
+int reckoned_room() {
+    const size_t pairs = genhtml::input_table()->count;
+    return static_cast<int>((sizeof field_start - 1 + 20) * pairs + 6 * genhtml::input_bytes() + 1);
+}
+
+/** Gives fields for those keys that `fetch` finds. Without any input there are none. */
+char *hidden_fields(const char *label, char **keys, int (*fetch)(const char *key, char **value)) {
+    ghDebug("%s: started\n", label);
+    if (genhtml::input_table() == nullptr) {
+        ghDebug("%s: empty In\n", label);
+        return ghStrdup(label, "");
+    }
+    ghDebug("%s: malloced %d bytes\n", label, reckoned_room());
+    std::string fields;
+    genhtml::or_fail(label, [&] {
+        for (char **key = keys; key != nullptr && *key != nullptr; key++) {
+            char *value = nullptr;
+            if (fetch(*key, &value)) append_field(fields, *key, value);
+        }
+    });
+    ghDebug("%s: done\n", label);
+    return genhtml::new_text(label, fields);
+}
+
+/** Takes the openings of variables and tags out of a text, as HTML shows it unchanged. */
+std::string without_openings(std::string_view text) {
+    std::string plain;
+    for (size_t place = 0; place < text.size(); place++) {
+        const char next = place + 1 < text.size() ? text[place + 1] : '\0';
+        if (text[place] == '[') {
+            plain += "&#91;";
+        } else if (text[place] == '<' && (next == '$' || next == '#')) {
+            plain += "&#60;";
+        } else {
+            plain += text[place];
+        }
+    }
+    return plain;
+}
+
+/** Makes a template variable of request data, which by the stricter rules brings neither variables nor tags along. */
+void save_received(const char *key, const char *value, int protect) {
+    if (!genhtml::is_hardened()) {
+        ghSaveForReplace(key, value, protect);
+        return;
+    }
+    const std::string plain = genhtml::or_fail("ghSaveForReplace", [&] {
+        std::string text;
+        if (protect != 0 || genhtml::variables.noHtml) {
+            genhtml::append_protected(text, value);
+        } else {
+            text = value;
+        }
+        return without_openings(text);
+    });
+    ghSaveForReplace(key, "", protect);  // the table stands now, and knows what is protected in it
+    ghSaveToHash(genhtml::variables.table, key, plain.c_str(), 0);
+}
+
+int shown_length(std::string_view text) { return static_cast<int>(text.size()); }
+
+/** Appends a text with its addresses turned into links. Each link is followed by a blank, besides the one that ended
+ *  the address. */
+void append_with_links(std::string &done, std::string_view rest, const char *label) {
+    constexpr std::string_view scheme = "http://";
+    for (size_t start = rest.find(scheme); start != std::string_view::npos; start = rest.find(scheme)) {
+        const std::string_view before = rest.substr(0, start);
+        const std::string_view url = rest.substr(start, rest.find(' ', start) - start);
+        const std::string_view behind = rest.substr(start + url.size());
+        ghDebug("%s: prot \"%s%.*s\"\n", label, done.c_str(), shown_length(rest), rest.data());
+        ghDebug("%s: prefix \"%s%.*s\" start \"%.*s\" postfix \"%.*s\"\n", label, done.c_str(), shown_length(before),
+                before.data(), shown_length(url), url.data(), shown_length(behind), behind.data());
+        done.append(before).append("<A HREF=\"").append(url).append("\" TARGET=\"newbrowser\">");
+        done.append(url).append("</A> ");
+        rest = behind;
+    }
+    done += rest;
+}
+
+/** Reads a file of tags line by line. */
+class TagReader {
+public:
+    TagReader(PAA_S *table, const char *label) : table_(table), label_(label) {}
+
+    void take(const char *line) {
+        if (name_.empty()) return look_for_tag(line);
+        const char *end = strstr(line, end_tag_.c_str());
+        add({line, end != nullptr ? static_cast<size_t>(end - line) : strlen(line)});
+        if (end != nullptr) name_.clear();
+    }
+
+private:
+    void look_for_tag(std::string_view line) {
+        const genhtml::Token tag = genhtml::find_token(line, "<", ">");
+        for (const char character : tag.inside) {
+            if (!process_isalnum(static_cast<unsigned char>(character)) && character != '_') return;
+        }
+        name_ = tag.inside;
+        end_tag_ = "</" + name_ + ">";
+    }
+    void add(std::string_view text) {
+        if (text.empty()) return;
+        const int length = static_cast<int>(text.size());
+        if (paaAppend(table_, name_.data(), static_cast<int>(name_.size()), text.data(), length) == 0) return;
+        genhtml::fail("%s: paaAppend failed, key %s, paaerrno\n", label_, name_.c_str());
+    }
+
+    PAA_S *table_;
+    const char *label_;
+    std::string name_, end_tag_;  // of the tag that is open; an empty name for none
+};
+
+/** Opens a file that a program names by a path without "..", but for its beginning. */
+OwnedFile open_tag_file(const char *path, const char *label) {
+    const bool is_bad = genhtml::has_two_dots(path);
+    OwnedFile file(is_bad ? nullptr : fopen(path, "re"));
+    if (!file)
+        ghError("%s: Cannot open file \"%s\": %s\n", label, path,
+                is_bad ? "bad path containing \"..\"" : strerror(errno));
+    return file;
+}
+
+}  // namespace
+
+char *ghIn2Query(char **excluded) {
+    constexpr char label[] = "ghIn2Query";
+    std::string query;
+    genhtml::or_fail(label, [&] {
+        genhtml::for_each_pair(genhtml::input_table(), [&](const char *key, const char *value) {
+            if (is_listed(key, excluded)) return;
+            query += '&';
+            genhtml::append_encoded(query, key);
+            query += '=';
+            genhtml::append_encoded(query, value);
+        });
+    });
+    return genhtml::new_text(label, query);
+}
+
+char *ghIn2Hidden(char **keys) { return hidden_fields("ghIn2Hidden", keys, ghInFetch); }
+
+/* That it is the input which decides whether there is anything is meant. */
+char *ghReplace2Hidden(char **keys) { return hidden_fields("ghReplace2Hidden", keys, ghsVarFetch); }
+
+void ghIn2Replace(int protect) {
+    genhtml::for_each_pair(genhtml::input_table(), [protect](const char *key, const char *value) {
+        if (!genhtml::is_own_name(key)) save_received(key, value, protect);
+    });
+}
+
+void ghT_2Replace() {
+    constexpr char label[] = "ghT_2Replace";
+    genhtml::for_each_pair(genhtml::input_table(), [&](const char *key, const char *value) {
+        if (strncmp(key, "T_", 2) != 0) return;
+        save_received(key, value, 0);
+        const OwnedBlock<char> protected_key(ghStrcat(label, key, "_p"));
+        save_received(protected_key.get(), value, 1);
+        const OwnedBlock<char> encoded_key(ghStrcat(label, key, "_e")), encoded(ghEncode(value));
+        ghSaveForReplace(encoded_key.get(), encoded.get(), 0);
+    });
+}
+
+void ghInRemoveAccess() {
+    for (const char *key : access_keys) genhtml::remove_input(key);
+}
+
+char *ghCaseReplace(const char *text, const char *old, const char *new_) {
+    constexpr char label[] = "ghCaseReplace";
+    if (text == nullptr || old == nullptr || *old == '\0') return ghStrdup(label, text);
+    if (new_ == nullptr) new_ = "";
+    const size_t old_length = strlen(old);
+    std::string replaced;
+    genhtml::or_fail(label, [&] {
+        for (const char *found = ghsStrStr(text, old, 1); found != nullptr; found = ghsStrStr(text, old, 1)) {
+            replaced.append(text, found).append(new_);
+            text = found + old_length;
+        }
+        replaced += text;
+    });
+    return genhtml::new_text(label, replaced);
+}
+
+char *ghReplaceHTMLLinks(const char *text) {
+    constexpr char label[] = "ghReplaceHTMLLinks";
+    if (text == nullptr) genhtml::fail("%s: Invalid Parameter\n", label);
+    ghDebug("%s: pin \"%s\"\n", label, text);
+    const OwnedBlock<char> shown(ghHtmlProtect(text));
+    std::string linked;
+    genhtml::or_fail(label, [&] { append_with_links(linked, shown.get(), label); });
+    return genhtml::new_text(label, linked);
+}
+
+PAA_S *ghBMLToArray(PAA_S *table, const char *file) {
+    constexpr char label[] = "ghBMLToArray";
+    const OwnedFile stream = open_tag_file(file != nullptr ? file : "", label);
+    if (!stream) return nullptr;
+    if (table == nullptr) table = paaCreate(0);
+    if (table == nullptr) genhtml::fail_for_memory(label);
+
+    TagReader reader(table, label);
+    genhtml::or_fail(label, [&] {
+        char line[LINE_SIZE];
+        while (fgets(line, sizeof line, stream.get()) != nullptr) reader.take(line);
+    });
+    return table;
+}
+
+int ghCountLines(const char *path) {
+    const OwnedFile file(path != nullptr ? fopen(path, "re") : nullptr);
+    char line[LINE_SIZE];
+    int count = 0;
+    while (file && fgets(line, sizeof line, file.get()) != nullptr) count++;
+    return count;
+}
