@@ -11,7 +11,6 @@
 #include <array>
 
 #include "genhtml/ghi.h"
-#include "process/printable.h"
 
 namespace {
 
@@ -143,7 +142,7 @@ void ghReadParse(int argc, char **argv) {
     char *debug = nullptr;
     if (!ghInFetch("GHDEBUG", &debug)) return;
     ghDebugFile(debug_path);
-    ghDebug("%s: \"%s\"\n", label, query.get());
+    ghDebug("%s: \"%s\"\n", label, genhtml::DebugText(query.get()).get());
 }
 
 void genhtml::parse_query(const char *query) {
@@ -205,10 +204,8 @@ void ghInStore(const char *key, const char *value) {
     if (key == nullptr) genhtml::fail("%s: Invalid parameter\n", caller);
     if (value == nullptr) value = "";
     if (strncmp(key, "g_", 2) == 0) {
-        if (process_context.trace) {
-            process_trace("%s: NOT STORED key = \"%s\" val = \"%s\"\n", caller, printable(key).c_str(),
-                          printable(value).c_str());
-        }
+        process_trace("%s: NOT STORED key = \"%s\" val = \"%s\"\n", caller, genhtml::DebugText(key).get(),
+                      genhtml::DebugText(value).get());
         return;
     }
     if (input == nullptr) input = paaCreate(0);
@@ -236,6 +233,8 @@ void ghInDump() {
     ghDebug("%s", line);
     ghDebug("CGI Parameters (total %d)\n", input != nullptr ? static_cast<int>(input->count) : 0);
     ghDebug("%s", line);
-    genhtml::for_each_pair(input, [](const char *key, const char *value) { ghDebug("%-10s => [%s]\n", key, value); });
+    genhtml::for_each_pair(input, [](const char *key, const char *value) {
+        ghDebug("%-10s => [%s]\n", genhtml::DebugText(key).get(), genhtml::DebugText(value).get());
+    });
     ghDebug("%s", line);
 }

@@ -39,8 +39,8 @@ int ghSaveToHash(PAA_S *table, const char *key, const char *value, int protect) 
 }
 
 int ghSaveForReplace(const char *key, const char *value, int protect) {
-    const auto shown = [](const char *text) { return text != nullptr ? text : "(null)"; };
-    ghDebug("%s: pkey=\"%s\" pvalue=\"%s\".\n", "ghSaveForReplace", shown(key), shown(value));
+    ghDebug("%s: pkey=\"%s\" pvalue=\"%s\".\n", "ghSaveForReplace", genhtml::DebugText(key).get(),
+            genhtml::DebugText(value).get());
     return checked(ghsSaveForReplace(key, value, protect));
 }
 

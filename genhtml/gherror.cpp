@@ -186,6 +186,12 @@ void genhtml::append_to_debug_file(const char *format, ...) {
     va_end(arguments);
 }
 
+genhtml::DebugText::DebugText(const char *text) : shown_(text != nullptr ? text : "(null)") {
+    if (!process_context.trace) return;
+    plain_ = or_fail("ghDebug", [this] { return printable(shown_); });
+    shown_ = plain_.c_str();
+}
+
 void genhtml::fail(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
@@ -253,7 +259,7 @@ void ghInLog(FILE *stream) {
         int written = 0;
         for (const char *next = value; *next != '\0'; next++) {
             const bool is_printable = *next >= ' ' && *next <= '~';
-            fputc(is_printable ? *next : ',', stream);
+            putc_unlocked(is_printable ? *next : ',', stream);
             if (++written % VALUE_BYTES_A_LINE == 0) fputs("\"\n \"", stream);
         }
         fputs("\"\n", stream);

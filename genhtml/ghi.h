@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <new>
+#include <string>
 #include <string_view>
 
 #include "genhtml/genhtml.h"
@@ -40,6 +41,18 @@ void decide_debug(bool &is_first_use);
 /** Appends to the debug file, if there is to be one; what can't be written is lost without a word. */
 void append_to_debug_file(const char *format, va_list arguments) PROCESS_PRINTF(1, 0);
 void append_to_debug_file(const char *format, ...) PROCESS_PRINTF(1, 2);
+
+/** A request's text as it is to stand in a debug line: as it is, but in a trace line, which shares a log with other
+ *  lines, without control characters. */
+class DebugText {
+public:
+    explicit DebugText(const char *text);
+    const char *get() const { return shown_; }
+
+private:
+    std::string plain_;
+    const char *shown_;
+};
 
 /* genhtml.cpp */
 

@@ -75,7 +75,8 @@ public:
 private:
     // Not strstr: it would measure a needle of many kilobytes anew for each line of one byte.
     bool holds(std::string_view text) const {
-        return memmem(line_, static_cast<size_t>(length_), text.data(), text.size()) != nullptr;
+        const auto length = static_cast<size_t>(length_);
+        return text.size() <= length && memmem(line_, length, text.data(), text.size()) != nullptr;
     }
 
     FILE *stream_;
