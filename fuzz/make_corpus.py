@@ -276,11 +276,92 @@ def answers():
         yield f"short-{length}", packet()[:1 + length]
 
 
+def queries():
+    for number, query in enumerate((
+        b"", b"a=1&&b=2", b"a=1&a=2&a", b"a=&=b&=&==&a==b&c=1=2", b"%20=%20&+x+=+y+", b"g_secret=1&%67_secret=2",
+        b"a=%41%4&b=%&c=%zz&d=%00hidden&%0d%0aX=%0a", b"NOHTTPHEAD=1&SETDATE=1998&SETCOOKIE=x%0ay",
+        b"isAdmin=1&isOwner=1&UPDATEOK=", b"T_x=<b>%22&T_NOHTML=1&T_=", b"k=see+http://a.b/c?d%3d%22+http://&http://=x",
+        b"k=" + b"%ff%01<&>" * 40, b"&" * 900, b"a=1&" * 900, b"=" * 900,
+    )):
+        yield f"query-{number:02}", query
+
+
+def forms():
+    def form(*parts, boundary=b"XX", end=b"XX--\r\n"):
+        body = b"".join(boundary + b"\r\n" + part + b"\r\n" for part in parts) + end
+        return bytes([len(boundary)]) + boundary + body
+
+    def part(body, rest=b'name="x"', more=b""):
+        return b"Content-Disposition: form-data; " + rest + b"\r\n" + more + b"\r\n" + body
+
+    upload = part(b"one\r\ntwo\0\1\2\n", b'name="f"; filename="a%41.txt"', b"Content-Type: text/plain \r\n")
+    yield "usual", form(part(b" a+b%41 "), upload, part(b""))
+    yield "no-file", form(part(b"", b'name="f"; filename=""', b"Content-Type: application/octet-stream\r\n"))
+    yield "no-type", form(part(b"lost\r\nkept", b'name="f";filename="b"'))
+    yield "no-name", form(part(b"x", b'filename="b"'), part(b"y", b'name='), part(b"z", b';name="n"'))
+    yield "no-body", form(part(b"")[:-2], part(b"")[:-2])
+    yield "no-boundary", form(end=b"a\nb\n" * 50)
+    yield "empty-boundary", form(part(b"x"), boundary=b"")
+    yield "long-boundary", form(part(b"x"), boundary=b"B" * 255)
+    yield "bare-line-feeds", form(upload).replace(b"\r", b"")
+    yield "line-ends", form(part(b"x\r\n\n\n"), part(b"\n\n"), part(b"\r"))
+    yield "own-names", form(part(b"1", b'name="g_x"'), part(b"2", b'name="%67_y"'), part(b"3", b'name=""'))
+    yield "long-lines", form(part(b"x" * 9000), upload.replace(b"one", b"\0" * 5000))
+    yield "one-name", form(upload, part(b"y", b'name="f"'), part(b"z", b'name="f_MIMETYPE"'))
+    for cut in (1, 3, 4, 30, 60, 75, 90, 100):
+        yield f"cut-{cut:03}", form(upload)[:cut]
+
+
+def templates():
+    def page(*lines, **variables):
+        head = b"".join(f"{name}={value}\n".encode() for name, value in variables.items())
+        return head + b"\n" + b"".join(line.encode() + b"\n" for line in lines)
+
+    yield "variables", page("<$a> <#b> <$<$a>> <$no> <$a><$a><$a><$a><$a>", a="b", b="<$c>", c="deep")
+    yield "own-value", page("<$a>", a="<$a><$a>")
+    yield "growing", page("<$a>" * 9, a="<$b>" * 9, b="<$c>" * 9, c="x" * 900)
+    yield "conditions", page('<!-- #ifdef variable="a" value="1" -->', "one", '<!--#else variable="a" -->', "other",
+                             '<!-- #endif variable="a" -->', '<!-- #ifndef variable="b" -->', "none",
+                             '<!-- #endif variable="b" -->', a="1")
+    operators = ("<", "<=", ">", ">=", "==", "!=", "contains", "!contains", "is")
+    yield "comparisons", page(*(line for o in operators for line in (
+        f'<!-- #if variable="a" {o} value="ff" -->', o, '<!-- #else variable="a" -->', f"not {o}",
+        '<!-- #endif variable="a" -->')), a="10")
+    yield "loops", page('<!-- #for loopname="l" loopvars="a, b" -->', "<$loopindex> <$a> <$b> <$c>",
+                        '<!-- #if variable="a" == variable="c" -->', "same", '<!-- #endif variable="a" -->',
+                        '<!-- #for loopname="m" loopvars="d" -->', "<$d>", '<!-- #endfor loopname="m" -->',
+                        '<!-- #endfor loopname="l" -->', a0="1", a1="2", b1="3", c="1", d_0_0="x", d_1_0="y")
+    yield "loop-without-end", page('<!-- #for loopname="l" loopvars="a" -->', "<$a>", a0="1")
+    yield "definitions", page('<!-- #define variable="a" value="<$b>" -->', '<!--#define variable="c" substring="hello,1,3"-->',
+                              '<!-- #define variable="d" escape="a b" -->', '<!-- #define variable="T_NOHTML" -->',
+                              '<!-- #define variable="e" substring="x,-1,99999999999999999999" -->', "<$a><$c><$d>", b="1")
+    yield "includes", page('<!-- #include virtual="/proc/self/fd/3" -->', '<!--#include file="no/such"-->')
+    yield "two-dots", page('<!-- #include file="a/../b" -->')
+    yield "script", page('<!-- #include script="no.pl?a b" -->', '<!--#include script="../x"-->', "after")
+    yield "comments", page("a <!--- gone", "gone", "gone --->", "<!--- gone --->", "<!-- stays -->")
+    yield "tags", page("[b]x[/b] [B] y [/b] [i]open [q]", g_Tag_B="<b>%s</b>", g_Tag_I="%s%s", g_Tag_Q="<q>")
+    yield "tags-growing", page("[b]x[/b]", g_Tag_B="[b]%s%s[/b]")
+    yield "active", page("<$a>", a="<script>& {x} < IFRAME onClick=1 <embed a.htm><$COOKIE>", g_a="<script>")
+    yield "long-line", page("x" * 5000 + "<$a>" + "<" * 5000, a="y" * 3000)
+    yield "not-closed", page("<$a", "<!-- #ifdef variable=", '<!-- #for loopname="', "<!--", "<!-", "[", "[b", a="1")
+
+
+def variable_files():
+    yield "usual", b"# settings\n  # more\nkey value with blanks # kept\n\nkey again\nalone\nline a\\nb\n"
+    yield "continued", b"key one \\\n  two\\\n\nnext 1\\"
+    yield "long", b"key " + b"x" * 5000 + b"\n" + b"k" * 5000 + b" v\n" + b"c \\\n" + (b"y" * 3000 + b"\\\n") * 3
+    yield "zero-bytes", b"key\0hidden value\0more\n\0\nk \0\n"
+    yield "carriage-returns", b"key value\r\n\r\n\tkey2\tvalue2\v\f\r\n"
+    yield "tags", b"<a> dropped\none\ntwo</a> dropped\n<b c>\n<>\n<b_1></b_1>\n</b_1>\n<a>\nmore\n</a>\n<open>\nrest"
+    yield "tags-long", b"<a>\n" + b"x" * 4093 + b"</a>\n" + b"<" + b"n" * 5000 + b">\n"
+
+
 TARGETS = {
     "request": requests, "envelope": envelopes, "trace": traces, "expander": expansions, "config": configurations,
     "placeholders": statements, "srdp": conversations, "admin": orders, "ipmap": mappings,
     "http": http_requests,
     "words": lines, "reply": answers,
+    "query": queries, "multipart": forms, "template": templates, "variables": variable_files,
 }
 
 for target, seeds in TARGETS.items():

@@ -222,8 +222,9 @@ void ghInStore(const char *key, const char *value) {
 int ghHashFetch(PAA_S *table, const char *key, char **value) {
     if (key == nullptr || value == nullptr) genhtml::fail("%s: Invalid parameter\n", "ghHashFetch");
     const char *found = genhtml::value_in(table, {key, static_cast<size_t>(key_length(key))});
-    *value = const_cast<char *>(found != nullptr ? found : "");
-    return found != nullptr ? 1 : 0;
+    if (found == nullptr) return ghsHashFetch(nullptr, key, value);
+    *value = const_cast<char *>(found);
+    return 1;
 }
 
 int ghInFetch(const char *key, char **value) { return ghHashFetch(input, key, value); }

@@ -46,7 +46,7 @@ void print_both(const char *format, ...) {
     va_end(arguments);
 }
 
-bool is_sub_script() { return atoi(genhtml::input_text("NOHTTPHEAD")) > 0; }
+bool is_sub_script() { return strtol(genhtml::input_text("NOHTTPHEAD"), nullptr, 10) > 0; }
 
 void send_date() {
     constexpr size_t DIGITS = 14;
