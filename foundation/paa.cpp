@@ -5,6 +5,7 @@
 #include "foundation/paa.h"
 
 #include <climits>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -47,7 +48,8 @@ void *hand_out(void *bytes, uint32_t length, int *target) {
 
 namespace {
 
-constexpr uint32_t POINTER_LENGTH = 4;  // what the length of a stored pointer reads as, whatever its real size
+constexpr uint32_t MOST_BEHIND_ENTRY = 128;  // a longer value gets a block of its own: it may be exchanged
+constexpr uint32_t POINTER_LENGTH = 4;       // what the length of a stored pointer reads as, whatever its real size
 
 /** A value as the calls hand it in. */
 struct Value {
@@ -87,19 +89,36 @@ PAA_ENTRY_S *find(PAA_S *table, Key key) {
     return nullptr;
 }
 
-/** Copies up to two runs of bytes into one block and puts a NUL behind them. Null without memory. */
-void *joined(Value head, Value tail) {
-    auto *block = static_cast<unsigned char *>(malloc(size_t{head.length} + tail.length + 1));
-    if (block == nullptr) return nullptr;
+/** Copies two runs of bytes to a place and puts a NUL behind them. */
+void *copy_to(void *place, Value head, Value tail) {
+    auto *block = static_cast<unsigned char *>(place);
     if (head.length > 0) memcpy(block, head.bytes, head.length);
     if (tail.length > 0) memcpy(block + head.length, tail.bytes, tail.length);
     block[size_t{head.length} + tail.length] = 0;
     return block;
 }
 
+/** The same in a block of its own. Null without memory. */
+void *joined(Value head, Value tail) {
+    void *block = malloc(size_t{head.length} + tail.length + 1);
+    return block != nullptr ? copy_to(block, head, tail) : nullptr;
+}
+
+/** Where behind an entry a value stands that came with it: any record may be a value, so it is aligned for all. */
+size_t value_offset(const PAA_ENTRY_S *entry) {
+    constexpr size_t ALIGNMENT = alignof(std::max_align_t);
+    return (sizeof *entry + entry->keyLength + 1 + ALIGNMENT - 1) / ALIGNMENT * ALIGNMENT;
+}
+
+void *place_behind(PAA_ENTRY_S *entry) { return reinterpret_cast<unsigned char *>(entry) + value_offset(entry); }
+
+void free_value(PAA_ENTRY_S *entry) {
+    if (entry->value != place_behind(entry)) free(entry->value);
+}
+
 /** Exchanges the value of an entry for a block of the table's own. */
 void set_value(PAA_ENTRY_S *entry, void *block, uint32_t length) {
-    free(entry->value);
+    free_value(entry);
     entry->value = block;
     entry->valueLength = length;
 }
@@ -110,17 +129,21 @@ void set_pointer(PAA_ENTRY_S *entry, const void *pointer) {
 }
 
 void free_entry(const PAA_S *table, PAA_ENTRY_S *entry) {
-    if (!stores_pointers(table)) free(entry->value);
+    if (!stores_pointers(table)) free_value(entry);
     free(entry);
 }
 
-/** Makes an entry that hangs nowhere yet. The key stands behind it in the same block: one allocation less, and near
- *  when keys are compared. */
+/** Makes an entry that hangs nowhere yet. The key stands behind it in the same block, and so does a short value: fewer
+ *  allocations, and near when keys are compared. */
 PAA_ENTRY_S *make_entry(const PAA_S *table, Key key, Value value) {
-    auto *entry = static_cast<PAA_ENTRY_S *>(malloc(sizeof(PAA_ENTRY_S) + key.length + 1));
+    PAA_ENTRY_S blank{};
+    blank.keyLength = key.length;
+    const bool stands_behind = !stores_pointers(table) && value.length <= MOST_BEHIND_ENTRY;
+    const size_t size =
+        value_offset(&blank) + (stands_behind ? value.length : 0) + 1;  // its place is never another's
+    auto *entry = static_cast<PAA_ENTRY_S *>(malloc(size));
     if (entry == nullptr) return nullptr;
-    *entry = PAA_ENTRY_S{};
-    entry->keyLength = key.length;
+    *entry = blank;
     entry->key = reinterpret_cast<unsigned char *>(entry + 1);
     memcpy(entry->key, key.bytes, key.length);
     entry->key[key.length] = 0;
@@ -129,11 +152,13 @@ PAA_ENTRY_S *make_entry(const PAA_S *table, Key key, Value value) {
         set_pointer(entry, value.bytes);
         return entry;
     }
-    set_value(entry, joined(value, {}), value.length);
-    if (entry->value == nullptr) {
+    void *block = stands_behind ? copy_to(place_behind(entry), value, {}) : joined(value, {});
+    if (block == nullptr) {
         free(entry);
         return nullptr;
     }
+    entry->value = block;
+    entry->valueLength = value.length;
     return entry;
 }
 

@@ -21,7 +21,9 @@ constexpr int LONG_CHAIN = 16;  // a walk over more entries than this is worth a
 
 enum Side { LESSER, GREATER };  // places in PAA_ENTRY_S::tree
 
-uint32_t hash(Key key, uint32_t buckets) {
+/** The count is a constant, so that its remainders cost no divisions. */
+template <uint32_t Buckets>
+uint32_t hash(Key key) {
     uint32_t sum = HASH_SEED;
     const unsigned char *next = key.bytes;
     uint32_t left = key.length;
@@ -30,10 +32,10 @@ uint32_t hash(Key key, uint32_t buckets) {
         memcpy(&word, next, sizeof word);
         sum ^= le32toh(word);
     }
-    sum %= buckets;
+    sum %= Buckets;
     for (; left > 0; --left, ++next) {
         const uint32_t factor = (*next ^ 0x80u) - 0x80u;  // a signed byte, widened: 0x80 and up are large factors
-        if (factor != 0) sum = sum * factor % buckets;
+        if (factor != 0) sum = sum * factor % Buckets;
     }
     return sum;
 }
@@ -131,7 +133,8 @@ void unlink_from_index(PAA_ENTRY_S **root, PAA_ENTRY_S *entry) {
 uint32_t bucket_count(const PAA_S *table) { return (table->flags & PAAFLAGLARGE) != 0 ? BUCKETS_LARGE : BUCKETS; }
 
 Place find_place(PAA_S *table, Key key) {
-    const uint32_t bucket = hash(key, bucket_count(table));
+    const bool is_large = (table->flags & PAAFLAGLARGE) != 0;
+    const uint32_t bucket = is_large ? hash<BUCKETS_LARGE>(key) : hash<BUCKETS>(key);
     if (index_of(table, bucket) != nullptr) return find_by_index(table, bucket, key);
 
     Place place{bucket, nullptr, table->buckets[bucket], false};
