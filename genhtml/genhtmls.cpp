@@ -51,8 +51,11 @@ private:
 
 std::string spare;  // lends its memory to the replacements of all lines
 
-bool has_variable(std::string_view text) {
-    return text.find("<$") != std::string_view::npos || text.find("<#") != std::string_view::npos;
+/** The next opening of a variable, of either form; null if there is none. */
+const char *next_opening(const char *text) {
+    const char *opening = strchr(text, '<');
+    while (opening != nullptr && opening[1] != '$' && opening[1] != '#') opening = strchr(opening + 1, '<');
+    return opening;
 }
 
 /** Replaces variables, from the last one on, by what `value_of` says for their names. */
@@ -67,6 +70,8 @@ void expand(std::string &text, Values value_of) {
     }
 }
 
+bool is_loop_index(const Pass &pass, std::string_view name) { return pass.loop != nullptr && name == "loopindex"; }
+
 /** A value with its own variables expanded; these come from the replace table alone. */
 std::string_view expanded(const char *value, std::string &held) {
     if (value == nullptr) return "";
@@ -79,13 +84,45 @@ std::string_view expanded(const char *value, std::string &held) {
     return held;
 }
 
-/** Expands the current line. */
-void expand_line(Pass &pass) {
-    if (!has_variable(pass.text)) return;
+/** The shorter way, for a line whose values hold no variables and can't form one with the text around them. Such a
+ *  line is the same whatever the order, so it is made in one go. False: the line needs the way of all others. */
+bool expand_plain_line(Pass &pass, const char *line) {
+    std::string &text = pass.text;
+    text.clear();
+    const char *rest = line;
+    for (int count = 0; const char *opening = next_opening(rest);) {
+        const char *close = strchr(opening, '>');
+        if (close == nullptr) break;
+        const std::string_view name(opening + 2, static_cast<size_t>(close - opening) - 2);
+        const bool is_joined = opening > line && opening[-1] == '<';
+        const bool is_nested = name.find('<') != std::string_view::npos;
+        if (is_joined || is_nested || has_handler(pass, name) || ++count > MOST_EXPANSIONS) return false;
+
+        text.append(rest, opening);
+        rest = close + 1;
+        if (is_loop_index(pass, name)) {
+            text.append(std::to_string(pass.loop->index));
+        } else if (const char *value = variable_of(pass, name)) {
+            if (strchr(value, '<') != nullptr) return false;
+            text.append(value);
+        }
+    }
+    text.append(rest);
+    return text.size() + strlen(line) < LINE_LIMIT;  // on no way there was more than this
+}
+
+void expand_line(Pass &pass, const char *line) {
+    if (next_opening(line) == nullptr) {
+        pass.text = line;
+        return;
+    }
     clear_error("ghsFindLastToken");
+    if (expand_plain_line(pass, line)) return;
+
     const LineExpansions counted;
+    pass.text = line;
     expand(pass.text, [&pass](std::string_view name, std::string &held) -> std::string_view {
-        if (pass.loop != nullptr && name == "loopindex") return held = std::to_string(pass.loop->index);
+        if (is_loop_index(pass, name)) return held = std::to_string(pass.loop->index);
         const char *handled = handled_variable(pass, name);
         return expanded(handled != nullptr ? handled : variable_of(pass, name), held);
     });
@@ -231,8 +268,7 @@ Fate genhtml::take_line(Pass &pass, const char *line) {
     Fate fate = judge_line(pass, line, comment);
     if (fate != Fate::PRINT) return fate;
 
-    pass.text = line;
-    expand_line(pass);
+    expand_line(pass, line);
     if (ghsErrno != 0) return Fate::END;
     if (comment != nullptr) fate = obey_expanded(pass);
     if (fate != Fate::PRINT) return fate;

@@ -23,9 +23,12 @@ constexpr int MOST_LINES = 1023;
 constexpr int LINE_SIZE = 4096;
 
 /** The key of a variable at a loop's index; good until the next call. */
-const std::string &key_of(const Loop &loop, std::string_view name) {
-    static std::string key;
-    return key.assign(name.substr(0, MOST_KEY_BYTES)).append(loop.keyEnding);
+std::string_view key_of(const Loop &loop, std::string_view name) {
+    static char key[2 * MOST_KEY_BYTES + sizeof "2147483647"];
+    const size_t length = std::min(name.size(), MOST_KEY_BYTES);
+    memcpy(key, name.data(), length);
+    memcpy(key + length, loop.keyEnding.data(), loop.keyEnding.size());
+    return {key, length + loop.keyEnding.size()};
 }
 
 std::string_view text_of(const char *value) { return value != nullptr ? value : ""; }
@@ -286,8 +289,12 @@ const char *genhtml::variable_of(const Pass &pass, std::string_view name) {
     return indexed != nullptr ? indexed : variable(name);
 }
 
+bool genhtml::has_handler(const Pass &pass, std::string_view name) {
+    if (variables.handlers == nullptr) return false;
+    return (pass.loop != nullptr && handler_of(key_of(*pass.loop, name)) != nullptr) || handler_of(name) != nullptr;
+}
+
 const char *genhtml::handled_variable(const Pass &pass, std::string_view name) {
-    if (!has_handlers()) return nullptr;
     const char *indexed = pass.loop != nullptr ? ask_handler(key_of(*pass.loop, name)) : nullptr;
     return indexed != nullptr ? indexed : ask_handler(name);
 }
@@ -335,11 +342,11 @@ int ghsReadFor(FILE *file, const char *name, char **lines) {
     return -1;
 }
 
-void ghsPrintFor(const char *prefix, FILE *stream, const char *name, const char *variables, char **lines) {
+void ghsPrintFor(const char *prefix, FILE *stream, const char *name, const char *list, char **lines) {
     constexpr char label[] = "ghsPrintFor";
     clear_error(label);
     with_memory<bool>(label, false, [&] {
-        print_loop(text_of(prefix), stream, text_of(name), text_of(variables), lines);
+        print_loop(text_of(prefix), stream, text_of(name), text_of(list), lines);
         return true;
     });
 }

@@ -89,6 +89,9 @@ const char *indexed_variable(const Pass &pass, std::string_view name);
 /** The value of the key of this pass, else of the plain name; null if there is none. */
 const char *variable_of(const Pass &pass, std::string_view name);
 
+/** True if there is a handler for the key of this pass or for the plain name. */
+bool has_handler(const Pass &pass, std::string_view name);
+
 /** What a handler says for the key of this pass, else for the plain name; null if none does. */
 const char *handled_variable(const Pass &pass, std::string_view name);
 

@@ -2,6 +2,8 @@
  * run in a browser. */
 #include <ctype.h>
 
+#include <algorithm>
+#include <array>
 #include <vector>
 
 #include "genhtml/ghsengine.h"
@@ -77,6 +79,18 @@ constexpr std::string_view events[] = {"onAbort",  "onBlur",   "onClick",    "on
 constexpr std::string_view elements[] = {"script", "noscript", "iframe", "object"};
 constexpr std::string_view secrets[] = {"$COOKIE>", "$AUTH>"};
 
+/** What the rules begin with, and the end. Most values have none of it, and are passed over quickly. */
+constexpr auto STOPS = [] {
+    std::array<bool, 256> stops{};
+    for (const char character : {'\0', '<', '&', 'o', 'O'}) stops[static_cast<unsigned char>(character)] = true;
+    return stops;
+}();
+
+char *next_stop(char *text) {
+    while (!STOPS[static_cast<unsigned char>(*text)]) ++text;
+    return text;
+}
+
 bool begins_ignoring_case(const char *text, std::string_view word) {
     return strncasecmp(text, word.data(), word.size()) == 0;
 }
@@ -87,22 +101,9 @@ bool is_word(const char *text, std::string_view word) {
 }
 
 bool names_event(const char *text) {
-    if ((text[0] | 0x20) != 'o' || (text[1] | 0x20) != 'n') return false;
-    for (const std::string_view event : events) {
-        if (begins_ignoring_case(text, event)) return true;
-    }
-    return false;
-}
-
-/** Blanks the "on" of all events' names. No other rule makes or breaks one. */
-int blank_events(char *text) {
-    int changes = 0;
-    for (; *text != '\0'; ++text) {
-        if (!names_event(text)) continue;
-        text[0] = text[1] = ' ';
-        ++changes;
-    }
-    return changes;
+    if (text[1] != 'n' && text[1] != 'N') return false;
+    const auto is_it = [text](std::string_view event) { return begins_ignoring_case(text, event); };
+    return std::any_of(std::begin(events), std::end(events), is_it);
 }
 
 /** The next place of a text, asked for from growing places: it is looked for once, however often it is asked. */
@@ -205,8 +206,16 @@ char *ghsTagReplace(const char *text) {
 
 int ghsFilterActiveContent(char *text) {
     if (text == nullptr) return 0;
-    const int events_blanked = blank_events(text);
-    if (strpbrk(text, "<&") == nullptr) return events_blanked;
-    return events_blanked +
-           with_memory<int>("ghsFilterActiveContent", 0, [text] { return OpeningFilter(text).run(); });
+    int changes = 0;
+    bool has_openings = false;
+    for (char *place = next_stop(text); *place != '\0'; place = next_stop(place + 1)) {
+        if (*place == '<' || *place == '&') {
+            has_openings = true;
+        } else if (names_event(place)) {
+            place[0] = place[1] = ' ';  // no other rule makes or breaks an event's name
+            ++changes;
+        }
+    }
+    if (!has_openings) return changes;
+    return changes + with_memory<int>("ghsFilterActiveContent", 0, [text] { return OpeningFilter(text).run(); });
 }

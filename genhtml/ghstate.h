@@ -33,6 +33,7 @@ inline bool is_hardened() {
 
 struct Variables {
     PAA_S *table = nullptr;     // null until the first store
+    PAA_S *handlers = nullptr;  // functions by name; null until the first is set
     bool noHtml = false;        // every value stored from now on is protected
     bool allProtected = false;  // all values present have been protected once
 };
@@ -60,9 +61,11 @@ void for_each_variable(Action action) {
     }
 }
 
+/** The handler of a name; null if there is none. */
+GHS_VARIABLE_HANDLER handler_of(std::string_view name);
+
 /** What the handler of a name says; null if there is none or it passes. */
 const char *ask_handler(std::string_view name);
-bool has_handlers();
 
 /** Sets the no-HTML mode and protects what is there. */
 void enter_no_html();

@@ -12,8 +12,6 @@ namespace {
 
 constexpr int MOST_HANDLERS = 1024;
 
-PAA_S *handlers = nullptr;  // name to function
-
 int length_of(std::string_view text) { return text.size() < INT_MAX ? static_cast<int>(text.size()) : -1; }
 
 const char *variable_as_setting(const char *name) { return name != nullptr ? variable(name) : nullptr; }
@@ -72,14 +70,16 @@ const char *genhtml::value_in(PAA_S *table, std::string_view key, int *length) {
     return paaerrno == 0 ? "" : nullptr;
 }
 
-bool genhtml::has_handlers() { return handlers != nullptr && handlers->count > 0; }
+GHS_VARIABLE_HANDLER genhtml::handler_of(std::string_view name) {
+    if (variables.handlers == nullptr || name.empty()) return nullptr;
+    return reinterpret_cast<GHS_VARIABLE_HANDLER>(paaFind(variables.handlers, name.data(), length_of(name), nullptr));
+}
 
 const char *genhtml::ask_handler(std::string_view name) {
-    if (!has_handlers() || name.empty()) return nullptr;
-    void *function = paaFind(handlers, name.data(), length_of(name), nullptr);
-    if (function == nullptr) return nullptr;
+    const GHS_VARIABLE_HANDLER handler = handler_of(name);
+    if (handler == nullptr) return nullptr;
     std::string asked(name);
-    return reinterpret_cast<GHS_VARIABLE_HANDLER>(function)(asked.data());
+    return handler(asked.data());
 }
 
 void genhtml::enter_no_html() {
@@ -89,6 +89,7 @@ void genhtml::enter_no_html() {
 
 int ghsSetVariableHandler(const char *name, GHS_VARIABLE_HANDLER function) {
     if (name == nullptr || *name == '\0') return 0;  // nobody asks for a variable without a name
+    PAA_S *&handlers = variables.handlers;
     if (handlers == nullptr) handlers = paaCreate(PAAFLAGPOINTER);
     if (handlers == nullptr) return -1;
     const int length = length_of(name);
