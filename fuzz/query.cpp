@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "fuzz/fuzz.h"
+#include "fuzz/variables.h"
 #include "genhtml/ghi.h"
 
 namespace {
@@ -40,7 +41,7 @@ void show_fields() {
     });
     ghIn2Replace(1);
     ghT_2Replace();
-    ghsReplaceFree();
+    forget_variables();
     ghInRemoveAccess();
     FUZZ_REQUIRE(*genhtml::input_text("isOwner") == '\0');
     check_input();

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "fuzz/memoryfile.h"
-#include "genhtml/ghstate.h"
+#include "fuzz/variables.h"
 
 namespace {
 
@@ -64,7 +64,6 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const Text expanded(ghsExpandVariable(std::string(page).c_str()));
     FUZZ_REQUIRE(expanded.get() != nullptr);
 
-    ghsReplaceFree();
-    genhtml::variables = {};
+    forget_variables();
     return 0;
 }

@@ -1,6 +1,7 @@
 /* Any text as a file of template variables, and as a file of tags.
  *
  * Input: the file. */
+#include "fuzz/variables.h"
 #include "foundation/paa.h"
 #include "fuzz/memoryfile.h"
 #include "genhtml/ghi.h"
@@ -39,7 +40,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     FUZZ_REQUIRE(ghsReadConfig(file.path()) == 0);
     check_key_file(genhtml::variables.table);
-    ghsReplaceFree();
+    forget_variables();
 
     table = ghBMLToArray(nullptr, file.path());
     FUZZ_REQUIRE(table != nullptr);

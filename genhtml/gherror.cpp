@@ -101,6 +101,7 @@ std::string for_page(std::string_view text) {
     return shown;
 }
 
+PROCESS_PRINTF(1, 0)
 std::string formatted(const char *format, va_list arguments) {
     va_list again;
     va_copy(again, arguments);
@@ -139,6 +140,7 @@ void log_error(const std::string &text) {
     ghInLog(record.stream());
 }
 
+PROCESS_PRINTF(1, 0)
 void report(const char *format, va_list arguments) {
     try {
         const std::string text = formatted(format, arguments);
