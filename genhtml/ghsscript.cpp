@@ -76,7 +76,7 @@ bool store_entries(KeyLines &lines, PAA_S *table) {
 
 // ---- Scripts ---------------------------------------------------------------------------------------------------------
 
-constexpr int REFUSED = 1, TOO_MUCH = 12, NOT_STARTED = -1;
+constexpr int REFUSED = 1, TOO_MUCH = 12;
 constexpr long DEEPEST = 8;
 constexpr size_t MOST_ARGUMENTS = 1022;
 

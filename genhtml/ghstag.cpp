@@ -17,12 +17,14 @@ namespace {
 constexpr int MOST_ROUNDS = 129;
 constexpr auto NOWHERE = std::string::npos;
 
-size_t find_ignoring_case(const std::string &text, const std::string &wanted, size_t from) {
-    const char *found = strcasestr(text.c_str() + from, wanted.c_str());
-    return found != nullptr ? static_cast<size_t>(found - text.c_str()) : NOWHERE;
+/** Finds the closing of a tag, "[/NAME]", regardless of case. */
+size_t find_closing(const std::string &text, const std::string &closing, size_t from) {
+    const char *at = strstr(text.c_str() + from, "[/");
+    while (at != nullptr && strncasecmp(at, closing.c_str(), closing.size()) != 0) at = strstr(at + 1, "[/");
+    return at != nullptr ? static_cast<size_t>(at - text.c_str()) : NOWHERE;
 }
 
-/** Where the text between two places begins and ends without the white space around it. */
+/** The white space around a text between two places: where it begins without it, and where it ends. */
 size_t skip_white_from(const std::string &text, size_t from) {
     while (from < text.size() && is_white(text[from])) ++from;
     return from;
@@ -54,7 +56,7 @@ bool replace_first_tag(std::string &text, size_t &cursor) {
     std::string value = stored;
     const std::string close = "[/" + name + "]";
     const size_t content = skip_white_from(text, bracket + 1);
-    const size_t closing = find_ignoring_case(text, close, content);
+    const size_t closing = find_closing(text, close, content);
     if (closing != NOWHERE) {
         const std::string inside = text.substr(content, trim_white_to(text, content, closing) - content);
         std::string spare;
