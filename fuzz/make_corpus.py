@@ -337,7 +337,8 @@ def templates():
                               '<!-- #define variable="e" substring="x,-1,99999999999999999999" -->', "<$a><$c><$d>", b="1")
     yield "includes", page('<!-- #include virtual="/proc/self/fd/3" -->', '<!--#include file="no/such"-->')
     yield "two-dots", page('<!-- #include file="a/../b" -->')
-    yield "script", page('<!-- #include script="no.pl?a b" -->', '<!--#include script="../x"-->', "after")
+    yield "script", page('<!-- #include script="no.pl?a b" -->', '<!--#include script="../x"-->', '<!-- #include script=" x" -->',
+                         "after")
     yield "comments", page("a <!--- gone", "gone", "gone --->", "<!--- gone --->", "<!-- stays -->")
     yield "tags", page("[b]x[/b] [B] y [/b] [i]open [q]", g_Tag_B="<b>%s</b>", g_Tag_I="%s%s", g_Tag_Q="<q>")
     yield "tags-growing", page("[b]x[/b]", g_Tag_B="[b]%s%s[/b]")

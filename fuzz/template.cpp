@@ -1,7 +1,11 @@
 /* Any text as a template, with any variables, and the calls that a template's values go through.
  *
  * Input: lines "name=value" up to an empty line, then the template, which may include itself under its path. It runs in
- * an empty directory, so that no script is found. */
+ * an empty directory, so that no script is found but the directory itself, whose name is empty; a child that is to run
+ * it ends at once. */
+#include <pthread.h>
+
+#include <algorithm>
 #include <string_view>
 
 #include "fuzz/memoryfile.h"
@@ -15,7 +19,7 @@ void enter_empty_directory() {
     static const bool entered = [] {
         char path[] = "/tmp/fuzz-template-XXXXXX";
         FUZZ_REQUIRE(mkdtemp(path) != nullptr && chdir(path) == 0 && rmdir(path) == 0);
-        return true;
+        return pthread_atfork(nullptr, nullptr, [] { _exit(EXIT_FAILURE); }) == 0;
     }();
     FUZZ_REQUIRE(entered);
 }

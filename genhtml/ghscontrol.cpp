@@ -25,8 +25,7 @@ constexpr int LINE_SIZE = 4096;
 /** The key of a variable at a loop's index; good until the next call. */
 std::string_view key_of(const Loop &loop, std::string_view name) {
     static char key[2 * MOST_KEY_BYTES + sizeof "2147483647"];
-    const size_t length = std::min(name.size(), MOST_KEY_BYTES);
-    memcpy(key, name.data(), length);
+    const size_t length = name.copy(key, MOST_KEY_BYTES);  // not memcpy: an empty name may be null
     memcpy(key + length, loop.keyEnding.data(), loop.keyEnding.size());
     return {key, length + loop.keyEnding.size()};
 }
