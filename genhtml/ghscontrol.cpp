@@ -26,7 +26,7 @@ constexpr int LINE_SIZE = 4096;
 std::string_view key_of(const Loop &loop, std::string_view name) {
     static char key[2 * MOST_KEY_BYTES + sizeof "2147483647"];
     const size_t length = name.copy(key, MOST_KEY_BYTES);  // not memcpy: an empty name may be null
-    memcpy(key + length, loop.keyEnding.data(), loop.keyEnding.size());
+    loop.keyEnding.copy(key + length, sizeof key - length);
     return {key, length + loop.keyEnding.size()};
 }
 

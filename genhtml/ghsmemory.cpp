@@ -98,8 +98,7 @@ char *genhtml::joined(const char *label, va_list pieces) {
     for (size_t index = 0; index < count && result != nullptr; ++index) {
         const char *piece = va_arg(again, const char *);
         const size_t length = index < lengths.size() ? lengths[index] : strlen(piece);
-        memcpy(end, piece, length);
-        end += length;
+        end = std::copy_n(piece, length, end);
     }
     va_end(again);
     return result;

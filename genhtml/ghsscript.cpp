@@ -167,6 +167,7 @@ int exit_status_of(pid_t child) {
 /** Runs a program and waits for its end. The code of ghsErrno. */
 int run(std::vector<std::string> &arguments) {
     std::vector<char *> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (std::string &argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
 
