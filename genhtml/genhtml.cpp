@@ -203,7 +203,7 @@ void ghInStore(const char *key, const char *value) {
     constexpr char caller[] = "ghInStore";
     if (key == nullptr) genhtml::fail("%s: Invalid parameter\n", caller);
     if (value == nullptr) value = "";
-    if (strncmp(key, "g_", 2) == 0) {
+    if (genhtml::is_own_name(key)) {
         process_trace("%s: NOT STORED key = \"%s\" val = \"%s\"\n", caller, genhtml::DebugText(key).get(),
                       genhtml::DebugText(value).get());
         return;

@@ -30,7 +30,7 @@ char debug_file[1024 + 1];
 
 bool has_debug_file() { return debug_on && debug_file[0] != '\0'; }
 
-bool has_two_dots(const char *path) { return strstr(path, "..") != nullptr; }
+bool has_two_dots_anywhere(const char *path) { return strstr(path, "..") != nullptr; }
 
 /** Opens a file to append to. A pipe in its place doesn't hold us up. */
 OwnedFd open_log(const char *path) { return process::open_guarded(path, O_WRONLY | O_APPEND | O_NONBLOCK); }
@@ -50,7 +50,7 @@ void write_debug(const char *format, va_list arguments) {
     if (process_context.logToFile || !debug_on) return;
     genhtml::decide_debug(is_first_use);
     if (!has_debug_file()) return;
-    if (has_two_dots(debug_file)) refuse_debug_file("\"..\" in path not allowed");
+    if (has_two_dots_anywhere(debug_file)) refuse_debug_file("\"..\" in path not allowed");
     const OwnedFd file = open_log(debug_file);
     if (!file) refuse_debug_file(strerror(errno));
     vdprintf(file.get(), format, arguments);
@@ -176,7 +176,7 @@ void genhtml::decide_debug(bool &is_first_use) {
 }
 
 void genhtml::append_to_debug_file(const char *format, va_list arguments) {
-    if (!has_debug_file() || has_two_dots(debug_file)) return;
+    if (!has_debug_file() || has_two_dots_anywhere(debug_file)) return;
     const OwnedFd file = open_log(debug_file);
     if (file) vdprintf(file.get(), format, arguments);
 }
@@ -239,7 +239,7 @@ void ghLogEvent(const char *name, const char *format, ...) {
     const auto open_below = [name](const char *directory) {
         const OwnedBlock<char> path(
             ghNStrcat("ghLogEvent", directory, "/logs/", name, ".log", static_cast<char *>(nullptr)));
-        return has_two_dots(path.get()) ? OwnedFd() : open_log(path.get());
+        return has_two_dots_anywhere(path.get()) ? OwnedFd() : open_log(path.get());
     };
     if (name == nullptr) return;
     OwnedFd file = open_below(".");

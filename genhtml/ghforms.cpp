@@ -1,6 +1,7 @@
 /* What a page carries on to the next one: hidden fields, queries, links; the input as template variables; and a few
  * readers of small files. */
 #include <errno.h>
+#include <limits.h>
 #include <string.h>
 
 #include <array>
@@ -114,7 +115,8 @@ void append_with_links(std::string &done, std::string_view rest, const char *lab
     done += rest;
 }
 
-/** Reads a file of tags line by line. */
+/** Reads a file of tags line by line. The text of a tag goes into the table as a whole: line by line the table would
+ *  copy what it has each time. */
 class TagReader {
 public:
     TagReader(PAA_S *table, const char *label) : table_(table), label_(label) {}
@@ -122,8 +124,15 @@ public:
     void take(const char *line) {
         if (name_.empty()) return look_for_tag(line);
         const char *end = strstr(line, end_tag_.c_str());
-        add({line, end != nullptr ? static_cast<size_t>(end - line) : strlen(line)});
-        if (end != nullptr) name_.clear();
+        text_.append(line, end != nullptr ? static_cast<size_t>(end - line) : strlen(line));
+        if (end != nullptr) close_tag();
+    }
+
+    /** Ends the tag that is open, if there is one: the end of the file does so too. */
+    void close_tag() {
+        if (!text_.empty()) store();
+        name_.clear();
+        text_.clear();
     }
 
 private:
@@ -135,16 +144,16 @@ private:
         name_ = tag.inside;
         end_tag_ = "</" + name_ + ">";
     }
-    void add(std::string_view text) {
-        if (text.empty()) return;
-        const int length = static_cast<int>(text.size());
-        if (paaAppend(table_, name_.data(), static_cast<int>(name_.size()), text.data(), length) == 0) return;
+    void store() {
+        const int key_length = static_cast<int>(name_.size());
+        const int length = text_.size() <= INT_MAX ? static_cast<int>(text_.size()) : -1;
+        if (paaAppend(table_, name_.data(), key_length, text_.data(), length) == 0) return;
         genhtml::fail("%s: paaAppend failed, key %s, paaerrno\n", label_, name_.c_str());
     }
 
     PAA_S *table_;
     const char *label_;
-    std::string name_, end_tag_;  // of the tag that is open; an empty name for none
+    std::string name_, end_tag_, text_;  // of the tag that is open; an empty name for none
 };
 
 /** Opens a file that a program names by a path without "..", but for its beginning. */
@@ -238,6 +247,7 @@ PAA_S *ghBMLToArray(PAA_S *table, const char *file) {
     genhtml::or_fail(label, [&] {
         char line[LINE_SIZE];
         while (fgets(line, sizeof line, stream.get()) != nullptr) reader.take(line);
+        reader.close_tag();
     });
     return table;
 }
