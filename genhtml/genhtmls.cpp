@@ -58,30 +58,38 @@ const char *next_opening(const char *text) {
     return opening;
 }
 
-/** Replaces variables, from the last one on, by what `value_of` says for their names. */
-template <class Values>
-void expand(std::string &text, Values value_of) {
-    std::string held;
+/** Replaces variables, from the last one on, by what `find_value` makes of their names. */
+template <class Finder>
+void expand(std::string &text, Finder find_value) {
+    std::string value;
     for (;;) {
         Token token = find_last_token(text, "<$", ">");
         if (!token) token = find_last_token(text, "<#", ">");
         if (!token || !LineExpansions::may_go_on()) return;
-        replace_in(text, token.whole(text), value_of(token.inside, held), MOST_MATCHES, spare);
+        find_value(token.inside, value);
+        replace_in(text, token.whole(text), value, MOST_MATCHES, spare);
     }
 }
 
 bool is_loop_index(const Pass &pass, std::string_view name) { return pass.loop != nullptr && name == "loopindex"; }
 
-/** A value with its own variables expanded; these come from the replace table alone. */
-std::string_view expanded(const char *value, std::string &held) {
-    if (value == nullptr) return "";
-    if (strchr(value, '<') == nullptr) return value;
-    held = value;
-    expand(held, [](std::string_view name, std::string &) -> std::string_view {
-        const char *inner = variable(name);
-        return inner != nullptr ? inner : "";
+/** Expands the variables in a value; theirs come from the replace table alone. */
+void expand_value(std::string &text) {
+    expand(text, [](std::string_view name, std::string &value) {
+        const char *stored = variable(name);
+        value = stored != nullptr ? stored : "";
     });
-    return held;
+}
+
+/** The value of a variable of a line, expanded; empty without one. */
+void find_value(const Pass &pass, std::string_view name, std::string &value) {
+    if (is_loop_index(pass, name)) {
+        value = std::to_string(pass.loop->index);
+    } else if (!ask_handlers(pass, name, value)) {
+        const char *stored = variable_of(pass, name);
+        value = stored != nullptr ? stored : "";
+    }
+    expand_value(value);
 }
 
 /** The shorter way, for a line whose values hold no variables and can't form one with the text around them. Such a
@@ -121,11 +129,7 @@ void expand_line(Pass &pass, const char *line) {
 
     const LineExpansions counted;
     pass.text = line;
-    expand(pass.text, [&pass](std::string_view name, std::string &held) -> std::string_view {
-        if (is_loop_index(pass, name)) return held = std::to_string(pass.loop->index);
-        const char *handled = handled_variable(pass, name);
-        return expanded(handled != nullptr ? handled : variable_of(pass, name), held);
-    });
+    expand(pass.text, [&pass](std::string_view name, std::string &value) { find_value(pass, name, value); });
 }
 
 // ---- Definitions -------------------------------------------------------------------------------------------------------
@@ -299,10 +303,11 @@ char *ghsExpandVariable(const char *text) {
     constexpr char label[] = "ghsExpandVariable";
     clear_error(label);
     return with_memory<char *>(label, nullptr, [&] {
-        std::optional<LineExpansions> counted;
+        std::optional<LineExpansions> counted;  // of its own, but for a handler that is asked for a line
         if (!LineExpansions::is_in_line()) counted.emplace();
-        std::string held;
-        return new_string(label, expanded(text, held));
+        std::string result = text != nullptr ? text : "";
+        expand_value(result);
+        return new_string(label, result);
     });
 }
 

@@ -293,9 +293,9 @@ bool genhtml::has_handler(const Pass &pass, std::string_view name) {
     return (pass.loop != nullptr && handler_of(key_of(*pass.loop, name)) != nullptr) || handler_of(name) != nullptr;
 }
 
-const char *genhtml::handled_variable(const Pass &pass, std::string_view name) {
-    const char *indexed = pass.loop != nullptr ? ask_handler(key_of(*pass.loop, name)) : nullptr;
-    return indexed != nullptr ? indexed : ask_handler(name);
+bool genhtml::ask_handlers(const Pass &pass, std::string_view name, std::string &answer) {
+    if (pass.loop != nullptr && ask_handler(key_of(*pass.loop, name), answer)) return true;
+    return ask_handler(name, answer);
 }
 
 std::string genhtml::inner_prefix(const Pass &pass) {

@@ -92,8 +92,8 @@ const char *variable_of(const Pass &pass, std::string_view name);
 /** True if there is a handler for the key of this pass or for the plain name. */
 bool has_handler(const Pass &pass, std::string_view name);
 
-/** What a handler says for the key of this pass, else for the plain name; null if none does. */
-const char *handled_variable(const Pass &pass, std::string_view name);
+/** Asks the handler of the key of this pass, then that of the plain name. False: none has an answer. */
+bool ask_handlers(const Pass &pass, std::string_view name, std::string &answer);
 
 /** The prefix for loops and includes within these lines. */
 std::string inner_prefix(const Pass &pass);

@@ -64,8 +64,8 @@ void for_each_variable(Action action) {
 /** The handler of a name; null if there is none. */
 GHS_VARIABLE_HANDLER handler_of(std::string_view name);
 
-/** What the handler of a name says; null if there is none or it passes. */
-const char *ask_handler(std::string_view name);
+/** Asks the handler of a name. False: there is none, or it passes. */
+bool ask_handler(std::string_view name, std::string &answer);
 
 /** Sets the no-HTML mode and protects what is there. */
 void enter_no_html();

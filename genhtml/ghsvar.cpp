@@ -75,11 +75,13 @@ GHS_VARIABLE_HANDLER genhtml::handler_of(std::string_view name) {
     return reinterpret_cast<GHS_VARIABLE_HANDLER>(paaFind(variables.handlers, name.data(), length_of(name), nullptr));
 }
 
-const char *genhtml::ask_handler(std::string_view name) {
+bool genhtml::ask_handler(std::string_view name, std::string &answer) {
     const GHS_VARIABLE_HANDLER handler = handler_of(name);
-    if (handler == nullptr) return nullptr;
+    if (handler == nullptr) return false;
     std::string asked(name);
-    return handler(asked.data());
+    const char *said = handler(asked.data());
+    if (said != nullptr) answer = said;  // at once: it may be the very name
+    return said != nullptr;
 }
 
 void genhtml::enter_no_html() {
