@@ -5,6 +5,8 @@
 #include "foundation/config.h"
 #include "foundation/paa.h"
 #include "gateway/vloci.h"
+#include "genhtml/chfilel.h"
+#include "genhtml/genhtml.h"
 #include "ivs/ivs.h"
 #include "oci/oci.h"
 #include "packet/packet.h"
