@@ -144,7 +144,7 @@ std::optional<long> leading_number(const std::string &text) {
 /** A part of a text, given as "text,first,end". */
 std::string substring(std::string_view attribute) {
     const size_t comma = attribute.find(',');
-    const std::string text(attribute.substr(0, comma));
+    std::string text(attribute.substr(0, comma));
     if (comma == std::string_view::npos) return text;
     const std::string places(attribute.substr(comma + 1));
     const size_t second = places.find(',');

@@ -110,20 +110,20 @@ bool names_event(const char *text) {
     return std::any_of(std::begin(events), std::end(events), is_it);
 }
 
-/** The next place of a text, asked for from growing places: it is looked for once, however often it is asked. */
+/** The next place of a word in a text, asked for from growing places: it is looked for once, however often it is
+ *  asked. Nowhere is behind all places. */
 class NextPlace {
 public:
-    NextPlace(const char *text, const char *wanted) : wanted_(wanted), at_(strstr(text, wanted)) {}
+    NextPlace(std::string_view text, std::string_view word) : text_(text), word_(word), at_(text.find(word)) {}
 
-    /** Null: there is none any more. */
-    const char *from(const char *place) {
-        if (at_ != nullptr && at_ < place) at_ = strstr(place, wanted_);
+    size_t from(size_t place) {
+        if (at_ < place) at_ = text_.find(word_, place);
         return at_;
     }
 
 private:
-    const char *wanted_;
-    const char *at_;
+    std::string_view text_, word_;
+    size_t at_;
 };
 
 /** Blanks what opens active content. An opening, "<" or "&", is judged by the first character behind it that isn't
@@ -176,11 +176,8 @@ private:
 
     /** True if a page is named before the next ">". */
     bool is_page_named(const char *place) {
-        const char *end = end_.from(place);
-        const auto is_before_end = [end](const char *name) {
-            return name != nullptr && (end == nullptr || name < end);
-        };
-        return is_before_end(lower_.from(place)) || is_before_end(upper_.from(place));
+        const auto at = static_cast<size_t>(place - text_);
+        return std::min(lower_.from(at), upper_.from(at)) < end_.from(at);
     }
 
     char *text_;

@@ -42,14 +42,11 @@ extern Variables variables;
 /** The program's own names are neither filtered nor protected, and never come from a request. */
 inline bool is_own_name(const char *name) { return strncmp(name, "g_", 2) == 0; }
 
-/** The value of a text's key in a table, with its length; null if there is none. A value stored as null counts as an
- *  empty text. */
-const char *value_in(PAA_S *table, std::string_view key, int *length = nullptr);
+/** The value of a key in a table of texts; null if there is none. A value stored as null counts as an empty text. */
+const char *value_in(PAA_S *table, std::string_view key);
 
 /** The same of a template variable. */
-inline const char *variable(std::string_view name, int *length = nullptr) {
-    return value_in(variables.table, name, length);
-}
+inline const char *variable(std::string_view name) { return value_in(variables.table, name); }
 
 /** Walks over the variables, oldest first, with their names and values, which may be written to in place. */
 template <class Action>

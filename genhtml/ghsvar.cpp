@@ -63,9 +63,9 @@ void protect_all() {
 
 }  // namespace
 
-const char *genhtml::value_in(PAA_S *table, std::string_view key, int *length) {
+const char *genhtml::value_in(PAA_S *table, std::string_view key) {
     if (table == nullptr || key.empty()) return nullptr;
-    const void *value = paaFind(table, key.data(), length_of(key), length);
+    const void *value = paaFind(table, key.data(), length_of(key), nullptr);
     if (value != nullptr) return static_cast<const char *>(value);
     return paaerrno == 0 ? "" : nullptr;
 }
