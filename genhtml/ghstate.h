@@ -20,13 +20,10 @@ namespace genhtml {
 
 // ---- Hardened: rules that a template or a client can notice, off unless asked for ------------------------------------
 
-/** True if the environment asks for the hardened rules: read once. */
+/** True if the hardened rules hold. A CGI program may have gone without process_init: the environment is asked here. */
 inline bool is_hardened() {
-    static const bool hardened = [] {
-        const char *wish = getenv("VELHARDEN");
-        return wish != nullptr && strcmp(wish, "1") == 0;
-    }();
-    return hardened;
+    process_harden_by_environment();
+    return process_context.hardened != 0;
 }
 
 // ---- ghsvar.cpp: template variables ----------------------------------------------------------------------------------
