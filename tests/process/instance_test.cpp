@@ -126,7 +126,8 @@ std::string rights_now() {
     std::ifstream source("/proc/self/status");
     std::string rights;
     for (std::string line; std::getline(source, line);) {
-        if (line.starts_with("Uid:") || line.starts_with("Gid:") || line.starts_with("Groups:")) rights += line + " ";
+        if (line.starts_with("Uid:") || line.starts_with("Gid:") || line.starts_with("Groups:"))
+            rights.append(line) += " ";
     }
     return rights;
 }
@@ -155,7 +156,8 @@ TEST_F(InstanceSlots, RootRightsGoWithAllGroupsAndTheFilesChangeHands) {
         for (const char *file : {"log/prog.log", "status/prog.1"}) {
             struct stat found {};
             stat(own.path(file).c_str(), &found);
-            EXPECT_EQ(std::to_string(found.st_uid) + " " + std::to_string(found.st_gid), uid + " " + gid) << file;
+            EXPECT_EQ(found.st_uid, nobody->pw_uid) << file;
+            EXPECT_EQ(found.st_gid, named->gr_gid) << file;
         }
         EXPECT_TRUE(matches(own.log("prog.log"), {form::L, "STARTED at ", form::CTIME, form::L, group_line, form::L,
                                                   "Running as user ", uid, " nobody\n"}));

@@ -107,13 +107,13 @@ protected:
 TEST_F(ProcessExit, IsToldAndTheHookMayChangeItsCode) {
     struct Row {
         int given, changed;
-        std::string lines;
+        std::string first, line, last;
     };
     const std::string down = "GOING DOWN! exitcode 0 at " + form::CTIME;
-    for (const Row &row : {Row{0, 0, form::L + down + form::L},
-                           {0, 7, form::L + down + form::E},
-                           {3, 3, form::E + "Process going down with an error!; EXITCODE=3;\n" + form::E},
-                           {5, 0, form::E + "Process going down with an error!; EXITCODE=5;\n" + form::L}}) {
+    for (const Row &row : {Row{0, 0, form::L, down, form::L},
+                           {0, 7, form::L, down, form::E},
+                           {3, 3, form::E, "Process going down with an error!; EXITCODE=3;\n", form::E},
+                           {5, 0, form::E, "Process going down with an error!; EXITCODE=5;\n", form::L}}) {
         const RootFolder own;
         static const Child *reporter;
         static int changed;
@@ -134,7 +134,7 @@ TEST_F(ProcessExit, IsToldAndTheHookMayChangeItsCode) {
         EXPECT_EQ(child.exit_code(), row.changed);
         EXPECT_EQ(child.next_report(), "(nothing)") << "the hook is called once";
         EXPECT_TRUE(matches(without_mail(without_first_line(own.log("prog.log"))),
-                            {row.lines, "EXITING! exitcode ", code, " at ", form::CTIME, "\n"}));
+                            {row.first, row.line, row.last, "EXITING! exitcode ", code, " at ", form::CTIME, "\n"}));
         EXPECT_TRUE(matches(own.read("status/prog.1"), {"0{8} ", form::CTIME}));
     }
     EXPECT_EQ(outcome([&](Child &) {
