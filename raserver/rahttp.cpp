@@ -79,6 +79,7 @@ bool grow(RA_CONN_S &connection) {
 
 // ---- Method ---------------------------------------------------------------------------------------------------------
 
+// Whether the method is known now: RA_HTTP_COMPLETE then.
 int find_method(RA_CONN_S &connection) {
     for (const Method &method : methods) {
         if (connection.inputLength < method.word.size()) return RA_HTTP_MORE;
@@ -89,6 +90,13 @@ int find_method(RA_CONN_S &connection) {
     }
     say::strange(connection);
     return RA_HTTP_BAD;
+}
+
+size_t method_length(int letter) {
+    for (const Method &method : methods) {
+        if (method.letter == letter) return method.word.size();
+    }
+    return 0;
 }
 
 // ---- Header ---------------------------------------------------------------------------------------------------------
@@ -154,7 +162,7 @@ bool ends_word(char character) { return character == 0 || process_isspace(static
 // What stands between the white space behind the method and the next; the end of the header ends it too.
 std::string_view url_in(const RA_CONN_S &connection) {
     std::string_view rest = text_of(connection, connection.headerLength);
-    rest.remove_prefix(connection.method == 'G' ? methods[0].word.size() : methods[1].word.size());
+    rest.remove_prefix(method_length(connection.method));
     while (!rest.empty() && process_isspace(static_cast<unsigned char>(rest.front()))) rest.remove_prefix(1);
     const auto end = std::find_if(rest.begin(), rest.end(), ends_word);
     return rest.substr(0, static_cast<size_t>(end - rest.begin()));

@@ -131,7 +131,7 @@ TEST_F(Stream, FailedCallsHaveTheirCodesAndLines) {
     const std::string fd = std::to_string(ours.get());
     const std::string recv_failed = "packet_readTCP: recv on socket: " + fd + " failed! rc -1, Invalid argument\n";
     const std::string send_failed = "packet_sendTCP: send on socket: " + fd + " failed! len 1, rc -1, ";
-    const std::string pipe_line = send_failed + "Broken pipe\n", reset_line = send_failed + "Invalid argument\n";
+    const std::string pipe_line = send_failed + "Broken pipe\n", other_line = send_failed + "Invalid argument\n";
     const Row rows[] = {
         {ACCEPT, EINTR, PACKETERRINTR, ""},
         {ACCEPT, EAGAIN, PACKETERRWOULDBLOCK, ""},
@@ -146,7 +146,7 @@ TEST_F(Stream, FailedCallsHaveTheirCodesAndLines) {
         {SEND, EINTR, PACKETERRINTR, ""},
         {SEND, EAGAIN, PACKETERRWOULDBLOCK, ""},
         {SEND, EPIPE, PACKETERRINTR, pipe_line.c_str()},
-        {SEND, EINVAL, PACKETERRINTR, reset_line.c_str()},
+        {SEND, EINVAL, PACKETERRINTR, other_line.c_str()},
     };
     char byte = 'x';
     for (const Row &row : rows) {
@@ -234,17 +234,8 @@ TEST_F(Stream, SendsWhatGoesIn) {
     EXPECT_TRUE(taken > 0 && taken < 1 << 24) << taken;
 }
 
-TEST_F(Stream, ConnectsFromAPortOfItsOwn) {
+TEST_F(Stream, ThatCantBeConnectedIsReported) {
     const PacketAddress address = name_of(listener.get());
-    for (int attempt = 0; attempt < 20 && !peer.is_open(); attempt++) {  // somebody may take the free port first
-        uint16_t port = 0;
-        told([&] { port = port_of(OwnedFd(packet_srv_listen(0)).get()); });
-        peer = OwnedFd(packet_clt_connect(port, &address));
-        if (peer.is_open()) {
-            EXPECT_EQ(port_of(peer.get()), port);
-        }
-    }
-    EXPECT_TRUE(peer.is_open());
     const std::string port = std::to_string(port_of(listener.get()));
     EXPECT_EQ(told([&] { EXPECT_EQ(packet_clt_connect(port_of(listener.get()), &address), PACKETERRBIND); }),
               "test: packet_clt_connect: bind( sockfd, INADDR_ANY:" + port + " ) errmsg: Address already in use!\n");
