@@ -133,17 +133,17 @@ std::string subject_of(const Arguments &given) {
 }
 
 struct Failure {
-    int code;
     const char *cause;
+    int code;
     bool has_reason;  // errno tells more
 };
 constexpr Failure failures[] = {
-    {PACKETERRINVAL, "there is no adminmail in etc/mail.cfg of the root directory", false},
-    {PACKETERRHOST, "the mail server's name (smtphost in etc/mail.cfg) is not known", false},
-    {PACKETERRCONNECT, "no connection to the mail server (smtphost and smtpport in etc/mail.cfg)", true},
-    {PACKETERRTIMEOUT, "the mail server took too long", false},
-    {PACKETERRSEND, "the mail server does not take the mail", true},
-    {PACKETERRMEM, "out of memory", false},
+    {"there is no adminmail in etc/mail.cfg of the root directory", PACKETERRINVAL, false},
+    {"the mail server's name (smtphost in etc/mail.cfg) is not known", PACKETERRHOST, false},
+    {"no connection to the mail server (smtphost and smtpport in etc/mail.cfg)", PACKETERRCONNECT, true},
+    {"the mail server took too long", PACKETERRTIMEOUT, false},
+    {"the mail server does not take the mail", PACKETERRSEND, true},
+    {"out of memory", PACKETERRMEM, false},
 };
 
 int report(int result) {
