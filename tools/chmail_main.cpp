@@ -6,7 +6,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,6 +15,7 @@
 
 #include "packet/packet.h"
 #include "process/velproc.h"
+#include "tools/usage.h"
 
 namespace {
 
@@ -56,16 +56,6 @@ struct Arguments {
     const char *subject = nullptr;
     const char *text = nullptr;
 };
-
-[[noreturn]] __attribute__((format(printf, 1, 2))) void wrong_usage(const char *format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    fputs("chmail: ", stderr);
-    vfprintf(stderr, format, arguments);
-    va_end(arguments);
-    fprintf(stderr, "\n%s", SHORT_USAGE);
-    exit(WRONG_USAGE);
-}
 
 /** A server starts the tool without standard output: its number must not become that of the connection. */
 void fill_standard_descriptors() {
@@ -146,25 +136,22 @@ constexpr Failure failures[] = {
     {"out of memory", PACKETERRMEM, false},
 };
 
-int report(int result) {
+ExitStatus report(int result) {
     const char *reason = strerror(errno);
     if (result == 0) return SENT;
-    if (result == -1) {
-        fputs("chmail: sent, but the mail server did not say good-bye\n", stderr);
-        return SENT;
-    }
+    if (result == -1) return fail(SENT, "sent, but the mail server did not say good-bye");
+
     for (const Failure &failure : failures) {
         if (failure.code != result) continue;
-        fprintf(stderr, "chmail: not sent: %s", failure.cause);
-        if (failure.has_reason) fprintf(stderr, ": %s", reason);
-        fputc('\n', stderr);
-        return NOT_SENT;
+        if (failure.has_reason) return fail(NOT_SENT, "not sent: %s: %s", failure.cause, reason);
+        return fail(NOT_SENT, "not sent: %s", failure.cause);
     }
-    fprintf(stderr, "chmail: not sent: code %d, %s\n", result, reason);
-    return NOT_SENT;
+    return fail(NOT_SENT, "not sent: code %d, %s", result, reason);
 }
 
 }  // namespace
+
+const Tool this_tool = {"chmail", SHORT_USAGE, WRONG_USAGE};
 
 int main(int argc, char **argv) {
     fill_standard_descriptors();
