@@ -285,19 +285,12 @@ void destroy_client(RA_CLIENT_S *client) {
     if (ra::holds(ra_server.clients, client)) ra::unlink(ra_server.clients, client);
     while (RA_REQUEST_S *request = client->pending.head) {
         ra::call_back(request, RAERRDESTROYED);
-        if (client->pending.head != request) continue;
-        ra::unlink(client->pending, request);
-        free(request);
+        if (client->pending.head == request) ra::delete_request(request);
     }
     if (client->socket >= 0) close(client->socket);
     free(client->address);
     free(client->host);
     free(client);
-}
-
-void destroy_request(RA_REQUEST_S *request) {
-    ra::unlink(request->client->pending, request);
-    free(request);
 }
 
 char *string_at(char **strings, int count, int index) {
@@ -326,7 +319,7 @@ RA_CLIENT_S *raclient_udp_create(const char *host, uint16_t port, int interval, 
 
 void raclient_udp_destroy(void *object) {
     if (RA_CLIENT_S *client = ra::as_client(object)) return destroy_client(client);
-    if (RA_REQUEST_S *request = ra::as_request(object)) destroy_request(request);
+    if (RA_REQUEST_S *request = ra::as_request(object)) ra::delete_request(request);
 }
 
 int raclient_udp_request(RA_CLIENT_S *client, int argc, char **argv) {

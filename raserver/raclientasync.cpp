@@ -92,6 +92,11 @@ void ra::call_back(RA_REQUEST_S *request, int result) {
     if (callback != nullptr) callback(request, request->user, result);
 }
 
+void ra::delete_request(RA_REQUEST_S *request) {
+    unlink(request->client->pending, request);
+    free(request);
+}
+
 extern "C" {
 
 int raUdpRequest(int socket, RA_CLIENT_S *client, int argc, char **argv, RA_CALLBACK callback, void *user) {
@@ -115,8 +120,7 @@ int raUdpRequest(int socket, RA_CLIENT_S *client, int argc, char **argv, RA_CALL
 void raclient_request_delete(RA_CLIENT_S *client, RA_REQUEST_S *request) {
     if (ra::as_client(client) == nullptr || ra::as_request(request) == nullptr) return;
     if (request->client != client) return;  // linked elsewhere: taking it out of this list would tear both
-    ra::unlink(client->pending, request);
-    free(request);
+    ra::delete_request(request);
 }
 
 void raclient_udp_reply(RA_SERVER_S *context, unsigned char *packet, int length, void *address) {

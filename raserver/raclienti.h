@@ -80,6 +80,9 @@ int build_request(const RA_CLIENT_S *client, const Draft &draft, int argc, char 
  *  destroys the client with all that is pending. The request may be gone afterwards. */
 void call_back(RA_REQUEST_S *request, int result);
 
+/** Takes an asynchronous request out of its client's list and frees it. */
+void delete_request(RA_REQUEST_S *request);
+
 // ---- Answers -------------------------------------------------------------------------------------------------------------
 
 struct Answer {

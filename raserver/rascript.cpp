@@ -72,7 +72,7 @@ void print_results(RA_CLIENT_S *client, int count) {
 char *raclient_next_word(char **position) {
     char *source = *position;
     if (source == nullptr) return nullptr;
-    while (is_space(*source)) ++source;
+    while (*source != 0 && is_space(*source)) ++source;
     if (*source == '"') return quoted_word(source + 1, position);
     if (*source != 0) return plain_word(source, position);
     *position = source;

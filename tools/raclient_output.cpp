@@ -14,7 +14,7 @@ unsigned char byte_of(char character) { return static_cast<unsigned char>(charac
  *  bytes are 80 to bf. So no overlong forms, no surrogates, nothing above 10ffff. */
 struct Utf8Form {
     unsigned char first_low, first_high;
-    size_t length;
+    unsigned char length;
     unsigned char second_low, second_high;
 };
 constexpr Utf8Form utf8_forms[] = {
@@ -28,7 +28,7 @@ bool has_form(std::string_view text, const Utf8Form &form) {
     if (first < form.first_low || first > form.first_high || text.size() < form.length) return false;
     const unsigned char second = byte_of(text[1]);
     if (second < form.second_low || second > form.second_high) return false;
-    return std::all_of(text.begin() + 2, text.begin() + static_cast<std::ptrdiff_t>(form.length),
+    return std::all_of(text.begin() + 2, text.begin() + form.length,
                        [](char each) { return (byte_of(each) & 0xc0) == 0x80; });
 }
 
