@@ -178,6 +178,7 @@ TEST_F(ClientUnderLoss, HasEachBlockingRequestCarriedOutOnce) {
     constexpr int CLIENTS = 100;
     const Relay relay(server.port(), {.lost = 3, .doubled = 10, .held = 0, .longest_hold = 0}, random);
     std::vector<std::unique_ptr<Child>> children;
+    children.reserve(CLIENTS);
     for (int number = 0; number < CLIENTS; ++number) {
         children.push_back(std::make_unique<Child>([&](Child &self) {
             become_a_client();
