@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "foundation/paa.h"
-#include "ivs/ivs.h"
+#include "ivs/ivssrdpi.h"
 #include "packet/cryptoi.h"
 #include "packet/packet.h"
 
@@ -75,9 +75,11 @@ void trace_a_packet(benchmark::State &state) {
 }
 BENCHMARK(trace_a_packet);
 
-// ---- Associative arrays: 100,000 keys spread over the buckets, or chosen to fall into one ----------------------------
+// ---- Associative arrays and the store of reliable datagrams: keys spread over the buckets, or chosen to fall into one --
 
-/** Eight bytes whose two words are equal but for what the hash cancels: all land in one bucket. */
+constexpr uint32_t KEYS = 100000;
+
+/** Two words that are equal: the hash cancels them, so all such keys land in one bucket. */
 std::string chosen_key(uint32_t number) {
     const uint32_t words[2] = {number, number};
     return {reinterpret_cast<const char *>(words), sizeof words};
@@ -88,9 +90,14 @@ std::string spread_key(uint32_t number) {
     return {reinterpret_cast<const char *>(words), sizeof words};
 }
 
+/** The same behind a beginning that all keys share. */
+template <std::string (*make_key)(uint32_t)>
+std::string named_key(uint32_t number) {
+    return "g_Variables_" + make_key(number);
+}
+
 template <std::string (*make_key)(uint32_t)>
 void find_in_table(benchmark::State &state) {
-    constexpr uint32_t KEYS = 100000;
     PAA_S *table = paaCreate(PAAFLAGPOINTER | static_cast<uint32_t>(state.range(0)));
     std::vector<std::string> keys;
     for (uint32_t i = 0; i < KEYS; i++) keys.push_back(make_key(i * 40503U % KEYS));
@@ -104,6 +111,41 @@ void find_in_table(benchmark::State &state) {
 }
 BENCHMARK(find_in_table<spread_key>)->ArgName("large")->Arg(0)->Arg(PAAFLAGLARGE);
 BENCHMARK(find_in_table<chosen_key>)->ArgName("large")->Arg(0)->Arg(PAAFLAGLARGE);
+BENCHMARK(find_in_table<named_key<spread_key>>)->ArgName("large")->Arg(0)->Arg(PAAFLAGLARGE);
+BENCHMARK(find_in_table<named_key<chosen_key>>)->ArgName("large")->Arg(0)->Arg(PAAFLAGLARGE);
+
+/** A packet of a stranger: its address, with a port and an id that spread or that cancel the address in the hash. */
+struct Stranger {
+    PacketAddress address{};
+    uint16_t id;
+    Stranger(uint32_t number, bool is_chosen) {
+        const uint32_t ip = number * 2654435761U, port_and_id = is_chosen ? ip : number * 40503U;
+        address.sin_addr.s_addr = ip;
+        address.sin_port = static_cast<uint16_t>(port_and_id);
+        id = static_cast<uint16_t>(port_and_id >> 16);
+    }
+};
+
+/** What each packet of a flood costs the store: it is looked for, remembered, and an old one is forgotten for it. */
+void remember_a_packet(benchmark::State &state) {
+    const bool is_chosen = state.range(0) != 0;
+    PAA_S *table = nullptr;
+    IVS_SRDP_PACKET_S *head = nullptr, *tail = nullptr;
+    uint32_t number = 0;
+    const auto remember = [&] {
+        const Stranger one(number++, is_chosen);
+        if (ivs_srdp_packet_find(table, &one.address, one.id) != nullptr) return;
+        ivs_srdp_packet_save(&table, &head, &tail, 0, one.id, 0, -1, 0, nullptr, 0, &one.address, sizeof one.address);
+    };
+    while (number < KEYS) remember();
+    while (state.KeepRunning()) {
+        remember();
+        ivs_srdp_packet_delete(table, &head, &tail, head);
+    }
+    while (head != nullptr) ivs_srdp_packet_delete(table, &head, &tail, head);
+    paaDestroy(table);
+}
+BENCHMARK(remember_a_packet)->ArgName("chosen")->Arg(0)->Arg(1);
 
 }  // namespace
 

@@ -229,8 +229,8 @@ int paaClear(PAA_S *table) {
         free_entry(table, entry);
         entry = next;
     }
+    free_indexes(table);
     free(table->buckets);
-    free(table->treeRoots);
     free(table->sortedIndex);
     const uint32_t flags = table->flags;
     *table = PAA_S{};

@@ -47,21 +47,20 @@ typedef struct PAA_ENTRY_S {
     void *value;                               /* a copy, one NUL behind it; or the caller's pointer */
     struct PAA_ENTRY_S *chainPrev, *chainNext; /* entries of the same bucket, ascending by key */
     struct PAA_ENTRY_S *orderPrev, *orderNext; /* all entries, oldest first */
-    struct PAA_ENTRY_S *tree[2];               /* lesser and greater part of a long chain's index */
 } PAA_ENTRY_S;
 
 /** A table. Made by paaCreate and changed by the calls below only. */
 typedef struct PAA_S {
-    uint32_t magic;            /* tells a live table from a stray pointer */
-    uint32_t count;            /* entries */
-    uint32_t sortedCursor;     /* where the walk in key order stands: an index into sortedIndex */
-    uint32_t flags;            /* PAAFLAG... bits */
-    PAA_ENTRY_S *current;      /* where the walk in order of insertion stands; null: none in progress */
-    PAA_ENTRY_S **buckets;     /* heads of the chains; null until the first insertion */
-    PAA_ENTRY_S **sortedIndex; /* all entries by key; null when not valid */
-    PAA_ENTRY_S *first;        /* oldest entry */
-    PAA_ENTRY_S *last;         /* newest entry */
-    PAA_ENTRY_S **treeRoots;   /* by bucket, index of its chain or null; null until a chain gets long */
+    uint32_t magic;               /* tells a live table from a stray pointer */
+    uint32_t count;               /* entries */
+    uint32_t sortedCursor;        /* where the walk in key order stands: an index into sortedIndex */
+    uint32_t flags;               /* PAAFLAG... bits */
+    PAA_ENTRY_S *current;         /* where the walk in order of insertion stands; null: none in progress */
+    PAA_ENTRY_S **buckets;        /* heads of the chains; null until the first insertion */
+    PAA_ENTRY_S **sortedIndex;    /* all entries by key; null when not valid */
+    PAA_ENTRY_S *first;           /* oldest entry */
+    PAA_ENTRY_S *last;            /* newest entry */
+    struct PAA_INDEX_S **indexes; /* by bucket, index of its chain or null; null until a chain gets long */
 } PAA_S;
 
 /* ---- Tables ------------------------------------------------------------------------------------------------- */

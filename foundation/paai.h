@@ -1,4 +1,4 @@
-/* Associative arrays, the inner side: what paa.cpp, paachain.cpp and paaiter.cpp share. Not for other folders. */
+/* Associative arrays, the inner side: what the files paa*.cpp share. Not for other folders. */
 #ifndef FOUNDATION_PAAI_H
 #define FOUNDATION_PAAI_H
 
@@ -14,12 +14,18 @@ struct Key {
     uint32_t length;
 };
 
+/** Where a key is, or would be, in the index of its chain. */
+struct Spot {
+    uint32_t block, slot;
+};
+
 /** Where a key is, or would be, in the chain of its bucket. */
 struct Place {
     uint32_t bucket;
     PAA_ENTRY_S *before;  // last entry with a lesser key; null: none
     PAA_ENTRY_S *at;      // first entry whose key isn't less; null: none
     bool found;           // `at` has this very key
+    Spot spot;            // if the chain has an index
 };
 
 // ---- paa.cpp ----
@@ -50,6 +56,24 @@ void link_into_chain(PAA_S *table, const Place &place, PAA_ENTRY_S *entry);
 
 /** Takes the entry out that was just found. */
 void unlink_from_chain(PAA_S *table, const Place &place);
+
+void free_indexes(PAA_S *table);
+
+// ---- paaindex.cpp ----
+
+/** Makes the index of a chain that isn't empty. Null without memory. */
+PAA_INDEX_S *make_index(PAA_ENTRY_S *chain);
+
+void free_index(PAA_INDEX_S *index);
+
+/** Fills all of a place but the bucket. */
+void find_by_index(const PAA_INDEX_S *index, Key key, Place *place);
+
+/** Puts an entry in at the spot that was just found for its key. False without memory: then the index is to go. */
+bool put_into_index(PAA_INDEX_S *index, Spot spot, PAA_ENTRY_S *entry);
+
+/** Takes the entry out that was just found. False if it was the last one: then the index is to go. */
+bool take_from_index(PAA_INDEX_S *index, Spot spot);
 
 }  // namespace paa
 

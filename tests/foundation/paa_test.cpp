@@ -67,6 +67,11 @@ std::string colliding_key(uint32_t number) {
     return {reinterpret_cast<const char *>(words), sizeof words};
 }
 
+/** The same, but that they differ only behind twelve bytes, or only in their length. */
+std::string alike_at_first(uint32_t number) { return "twelve bytes" + colliding_key(number); }
+std::string longer_by_zeros(uint32_t number) { return "abcd" + std::string(number, '\0'); }
+constexpr std::string (*in_one_bucket[])(uint32_t) = {colliding_key, alike_at_first, longer_by_zeros};
+
 class Model : public testing::TestWithParam<int> {
 protected:
     Table table = make(GetParam());
@@ -77,7 +82,7 @@ protected:
     char targets[64];  // what stored pointers point to
 
     std::string random_key() {
-        if (random() % 2 == 0) return colliding_key(random() % 700);
+        if (random() % 2 == 0) return in_one_bucket[random() % 3](random() % 700);
         static const char bytes_used[] = {'\0', 'a', 'b', '\x7f', '\x80', '\xff'};
         std::string key(1 + random() % 9, 'x');
         for (char &byte : key) byte = bytes_used[random() % (random() % 4 == 0 ? 6 : 3)];
