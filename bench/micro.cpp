@@ -1,9 +1,11 @@
 /* Micro-benchmarks of the pieces on the datagram path and of the containers. What counts are the ratios between rows
  * of one run: the processor's instructions against the tables, chosen keys against spread ones. */
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 #include <stdio.h>
 #include <string.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -11,6 +13,8 @@
 #include "ivs/ivssrdpi.h"
 #include "packet/cryptoi.h"
 #include "packet/packet.h"
+#include "process/owned.h"
+#include "process/velproc.h"
 
 namespace {
 
@@ -114,6 +118,8 @@ BENCHMARK(find_in_table<chosen_key>)->ArgName("large")->Arg(0)->Arg(PAAFLAGLARGE
 BENCHMARK(find_in_table<named_key<spread_key>>)->ArgName("large")->Arg(0)->Arg(PAAFLAGLARGE);
 BENCHMARK(find_in_table<named_key<chosen_key>>)->ArgName("large")->Arg(0)->Arg(PAAFLAGLARGE);
 
+size_t heap_in_use() { return mallinfo2().uordblks; }
+
 /** A packet of a stranger: its address, with a port and an id that spread or that cancel the address in the hash. */
 struct Stranger {
     PacketAddress address{};
@@ -137,7 +143,9 @@ void remember_a_packet(benchmark::State &state) {
         if (ivs_srdp_packet_find(table, &one.address, one.id) != nullptr) return;
         ivs_srdp_packet_save(&table, &head, &tail, 0, one.id, 0, -1, 0, nullptr, 0, &one.address, sizeof one.address);
     };
+    const size_t before = heap_in_use();
     while (number < KEYS) remember();
+    state.counters["bytes_each"] = static_cast<double>(heap_in_use() - before) / KEYS;
     while (state.KeepRunning()) {
         remember();
         ivs_srdp_packet_delete(table, &head, &tail, head);
@@ -146,6 +154,50 @@ void remember_a_packet(benchmark::State &state) {
     paaDestroy(table);
 }
 BENCHMARK(remember_a_packet)->ArgName("chosen")->Arg(0)->Arg(1);
+
+// ---- The timer of reliable datagrams, 100,000 of them pending ---------------------------------------------------------
+
+/** The longest tick while nothing is due (0), while all are due for a repeat (1), and while all end (2). */
+void longest_tick(benchmark::State &state) {
+    constexpr int SECONDS[] = {1, 5, 70};
+    packet_bound_ip = htonl(INADDR_LOOPBACK);
+    process_context.noAccessKeyCheck = 1;
+    const OwnedFd receiver(packet_clt_socket_ip(INADDR_ANY)), sender(packet_clt_socket_ip(packet_bound_ip));
+    PacketAddress to{};
+    socklen_t size = sizeof to;
+    getsockname(receiver.get(), reinterpret_cast<sockaddr *>(&to), &size);
+
+    while (state.KeepRunning()) {
+        constexpr time_t START = 1000000;
+        const size_t before = heap_in_use();
+        for (uint32_t i = 0; i < KEYS; i++) {
+            to.sin_addr.s_addr = htonl(INADDR_LOOPBACK + i / 20000);  // a peer has no more than 32768 ids
+            const timeval clock{START, static_cast<suseconds_t>(i) * 10};
+            ivs::srdp_send_at(clock, sender.get(), START, 0, 0, IVS_TYPE_TEXT, "................................", 32,
+                              &to, sizeof to);
+        }
+        state.counters["bytes_each"] = static_cast<double>(heap_in_use() - before) / KEYS;
+
+        timespec begin{}, end{};
+        double longest = 0;
+        for (int tick = 0; tick < 20; tick++) {
+            const timeval now{START + SECONDS[state.range(0)] + tick / 10, tick % 10 * 100000L};
+            clock_gettime(CLOCK_THREAD_CPUTIME_ID, &begin);
+            ivs::srdp_handle_at(now.tv_sec, sender.get(), now);
+            clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
+            longest = std::max(longest, static_cast<double>(end.tv_sec - begin.tv_sec) +
+                                            static_cast<double>(end.tv_nsec - begin.tv_nsec) / 1e9);
+        }
+        state.SetIterationTime(longest);
+        ivs::srdp_reset();
+    }
+}
+BENCHMARK(longest_tick)
+    ->ArgName("due")
+    ->DenseRange(0, 2)
+    ->Iterations(3)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

@@ -51,6 +51,7 @@ constexpr int ID_ATTEMPTS = 40960;
 struct Bucket {
     IVS_SRDP_PACKET_S *head, *tail;
     SrdpRun *first_run, *last_run;
+    int64_t sweep;  // the moment as of which it is being swept, over several ticks if need be; 0: it isn't
 };
 
 PAA_S *table = nullptr;
@@ -58,6 +59,7 @@ Bucket buckets[BUCKETS];
 IVS_SRDP_PACKET_S *ended_head = nullptr;
 IVS_SRDP_PACKET_S *ended_tail = nullptr;
 struct timeval next_full_sweep {};
+int first_swept = 0;  // the bucket that a tick begins with: where the tick before had to stop
 uint16_t last_id = UNSEEDED;
 
 int bucket_index(const struct timeval &time) {
@@ -214,8 +216,9 @@ void send_again(int socket, const struct timeval &now, IVS_SRDP_PACKET_S *record
     record->nextSec = now.tv_sec + record->interval;
 }
 
-void sweep_run(SrdpRun *run, int socket, const struct timeval &now) {
-    const int64_t moment = microseconds(now.tv_sec, now.tv_usec);
+/** Does what was due before the given moment; gives the number of packets sent. */
+int sweep_run(SrdpRun *run, int64_t moment, int socket, const struct timeval &now) {
+    int sent = 0;
     int64_t earliest = INT64_MAX;
     IVS_SRDP_PACKET_S *record = run->first;
     for (int left = run->count; left > 0; left--) {
@@ -223,22 +226,46 @@ void sweep_run(SrdpRun *run, int socket, const struct timeval &now) {
         if (record->expires < now.tv_sec) {
             give_up(record);
         } else {
-            if (next_send_of(record) < moment) send_again(socket, now, record);
+            if (next_send_of(record) < moment) {
+                send_again(socket, now, record);
+                sent++;
+            }
             earliest = std::min(earliest, event_of(record));
         }
         record = next;
     }
     const bool is_empty = earliest == INT64_MAX;  // then it went with its last record
     if (!is_empty) run->earliest = earliest;
+    return sent;
 }
 
-void sweep_bucket(const Bucket &bucket, int socket, const struct timeval &now) {
-    const int64_t moment = microseconds(now.tv_sec, now.tv_usec);
+/** False if the sends that are left didn't do for all of it. */
+bool sweep_bucket(Bucket &bucket, int socket, const struct timeval &now, int &sends_left) {
     SrdpRun *next = nullptr;
     for (SrdpRun *run = bucket.first_run; run != nullptr; run = next) {
+        if (sends_left <= 0) return false;
         next = run->next;
-        if (run->earliest < moment) sweep_run(run, socket, now);
+        if (run->earliest < bucket.sweep) sends_left -= sweep_run(run, bucket.sweep, socket, now);
     }
+    bucket.sweep = 0;
+    return true;
+}
+
+void begin_sweep(Bucket &bucket, const struct timeval &now) {
+    if (bucket.sweep == 0) bucket.sweep = microseconds(now.tv_sec, now.tv_usec);
+}
+
+/** One tick's share of the sweeps under way. What is repeated is next due behind the moment of its sweep: a sweep ends
+ *  whatever comes in meanwhile, and then the next bucket has its turn. */
+void go_on_with_sweeps(int socket, const struct timeval &now) {
+    int sends_left = SRDP_SENT_A_TICK;
+    for (int turn = 0; turn < BUCKETS; turn++) {
+        const int index = (first_swept + turn) % BUCKETS;
+        if (buckets[index].sweep == 0 || sweep_bucket(buckets[index], socket, now, sends_left)) continue;
+        first_swept = index;
+        return;
+    }
+    first_swept = 0;
 }
 
 bool take_full_sweep(const struct timeval &now) {
@@ -305,10 +332,11 @@ void srdp_handle_at(time_t clock, int socket, const struct timeval &now) {
     const bool full = take_full_sweep(now);
     srdp_sweep_replays(now.tv_sec, full);
     if (full) {
-        for (const Bucket &bucket : buckets) sweep_bucket(bucket, socket, now);
+        for (Bucket &bucket : buckets) begin_sweep(bucket, now);
     } else {
-        sweep_bucket(buckets[bucket_index(now)], socket, now);
+        begin_sweep(buckets[bucket_index(now)], now);
     }
+    go_on_with_sweeps(socket, now);
     free_some_ended();
 }
 
@@ -328,6 +356,8 @@ void srdp_cancel_type_at(time_t clock, uint32_t owner, int type, int subType) {
 void srdp_reset() {
     cancel_if([](const IVS_SRDP_PACKET_S &) { return true; });
     while (ended_head != nullptr) free_ended(ended_head);
+    for (Bucket &bucket : buckets) bucket.sweep = 0;
+    first_swept = 0;
     next_full_sweep = {};
     srdp_reset_replays();
     srdp_reset_counters();
@@ -377,6 +407,7 @@ void ivs_srdp_clock_was_set(time_t seconds) {
             record->nextSec += seconds;
         }
         for (SrdpRun *run = bucket.first_run; run != nullptr; run = run->next) run->earliest += seconds * SECOND;
+        if (bucket.sweep != 0) bucket.sweep += seconds * SECOND;
     }
     if (timerisset(&next_full_sweep)) next_full_sweep.tv_sec += seconds;
     srdp_move_replays(seconds);

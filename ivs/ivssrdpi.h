@@ -23,6 +23,10 @@ constexpr int SRDP_FIRST_INTERVAL = 4;
  *  memory of many that end together comes back over several ticks. */
 constexpr int SRDP_FREED_A_TICK = 2048;
 
+/** Packets that a tick of the timer sends again before it leaves the rest to the next one: many that fall due together
+ *  don't keep the loop from its other work. */
+constexpr int SRDP_SENT_A_TICK = 4096;
+
 struct SrdpRun;
 
 /** Puts a record behind the last one of a doubly linked list, or takes it out. */

@@ -158,6 +158,24 @@ TEST_F(Srdp, SweepsATenthAndAllOfThemEveryThreeSeconds) {
     EXPECT_EQ(resent(7.25), std::vector<int>({2}));
 }
 
+TEST_F(Srdp, ManyDueTogetherAreRepeatedInOrderOverSeveralTicks) {
+    const int many = 2 * SRDP_SENT_A_TICK;
+    for (int number = 0; number < many; number++)
+        send(number < many / 4 ? 0.35 : 0.75, static_cast<uint32_t>(number));
+    send(0.15, many);
+    tick(0.9);
+    const std::vector<int> first = resent(4.95);  // a full sweep
+    const auto sent = static_cast<int>(total(8));
+    EXPECT_EQ(first.front(), many) << "the bucket of the least tenth";
+    EXPECT_GE(sent, SRDP_SENT_A_TICK);
+    EXPECT_LT(sent, SRDP_SENT_A_TICK + 100) << "a run at most is too many";
+    send(0.151, many + 1);
+    EXPECT_EQ(resent(5.15).front(), sent - 1) << "goes on where it stopped, whatever else is due";
+    ivs_srdp_clock_was_set(60);
+    tick(65.25);
+    EXPECT_EQ(total(8), many + 2U) << "and nothing twice";
+}
+
 TEST_F(Srdp, RepeatsOnTheTimersSocketOrThatOfAForwardedPacket) {
     const OwnedFd other(packet_clt_socket_ip(LOOPBACK));
     Bytes packet = bytes_of("0d ffff 07 0b 00000001");
