@@ -7,6 +7,7 @@
 
 #include <string.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -18,7 +19,9 @@
 #include "oci/sqlitecolumns.h"
 
 namespace {
-constexpr int BUSY_MILLISECONDS = 5000;
+using Clock = std::chrono::steady_clock;
+constexpr auto LONGEST_WAIT = std::chrono::seconds(5);  // for a lock
+constexpr int LONGEST_SLEEP = 50;                       // milliseconds
 
 // ---- Errors ---------------------------------------------------------------------------------------------------
 
@@ -79,6 +82,7 @@ struct Closer {
 struct Connection {
     std::unique_ptr<sqlite3, Closer> owner;  // first, so that it goes last
     bool in_transaction = false;             // as far as the caller knows
+    Clock::time_point waits_since;           // for a lock
     EngineStatement begin;
     EngineStatement commit;
     EngineStatement rollback;
@@ -109,8 +113,7 @@ bool run(const Connection &connection, const std::string &sql) {
 // Of several servers that open a new file at once one changes its journal. The others are told at once that it is busy,
 // since they hold a read lock that might stand in the way; the engine's own waiting doesn't apply.
 bool change_journal(const Connection &connection) {
-    using Clock = std::chrono::steady_clock;
-    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(BUSY_MILLISECONDS);
+    const Clock::time_point deadline = Clock::now() + LONGEST_WAIT;
     while (!run(connection, "PRAGMA journal_mode=WAL")) {
         const bool is_busy = (sqlite3_extended_errcode(connection.database()) & 0xFF) == SQLITE_BUSY;
         if (!is_busy || Clock::now() >= deadline) return false;
@@ -125,8 +128,18 @@ bool run_once(const EngineStatement &statement) {
     return code == SQLITE_DONE || code == SQLITE_ROW;
 }
 
+// By the clock: the engine's own waiting adds up its sleeps, and each signal cuts one short.
+int goes_on_waiting(void *waiting, int tries) {
+    auto *const connection = static_cast<Connection *>(waiting);
+    if (tries == 0) connection->waits_since = Clock::now();
+    if (Clock::now() - connection->waits_since >= LONGEST_WAIT) return 0;
+    sqlite3_sleep(std::min(1 + tries, LONGEST_SLEEP));
+    return 1;
+}
+
 // Whoever else may write to the file, its schema can't make this process do what a table should not.
-void restrain(sqlite3 *database) {
+void restrain(Connection *connection) {
+    sqlite3 *const database = connection->database();
     constexpr struct {
         int setting;
         int value;
@@ -138,7 +151,7 @@ void restrain(sqlite3 *database) {
     };
     for (const auto &[setting, value] : settings) sqlite3_db_config(database, setting, value, nullptr);
     sqlite3_limit(database, SQLITE_LIMIT_ATTACHED, 0);
-    sqlite3_busy_timeout(database, BUSY_MILLISECONDS);
+    sqlite3_busy_handler(database, goes_on_waiting, connection);
 }
 
 bool prepare_own(Connection *connection) {
@@ -162,7 +175,7 @@ bool open_file(Connection *connection, const SqliteAddress &address) {
     connection->owner.reset(database);
     if (code != SQLITE_OK) return false;
 
-    restrain(database);
+    restrain(connection);
     if (!run(*connection, "PRAGMA locking_mode=" + address.locking)) return false;
     if (!run(*connection, "SELECT 1 FROM sqlite_schema LIMIT 1")) return false;
     const bool is_read_only = sqlite3_db_readonly(database, "main") == 1;

@@ -130,17 +130,19 @@ Strings ServerProcess::arguments() const {
     for (const std::string &word : settings_.joinedPort ? Strings{"-p" + port} : Strings{"-p", port}) {
         words.push_back(word);
     }
-    const Strings usual{
-        "-VELROOT", root_->path(), "-BINDIP", settings_.host,          "-D", "-odb", database, "-oid", "tester",
-        "-opw",     "secret",      "-f",      root_->path("names.map")};
+    const Strings usual{"-VELROOT", root_->path(), "-BINDIP", settings_.host, "-odb", database,
+                        "-oid",     "tester",      "-opw",    "secret",       "-f",   root_->path("names.map")};
     words.insert(words.end(), usual.begin(), usual.end());
+    if (!settings_.daemon) words.push_back("-D");
     if (!settings_.checkKeys) words.push_back("-NOACCESSKEYCHECK");
     return words;
 }
 
 void ServerProcess::start() {
     for (int tries = 0; tries < 5; ++tries) {
+        if (settings_.daemon) prctl(PR_SET_CHILD_SUBREAPER, 1);  // a daemon without a parent becomes our child
         pid_ = launch(arguments(), settings_.environment, root_->path("output"), root_->path("output"));
+        if (settings_.daemon) pid_ = daemon_of(pid_);
         if (wait_until_serving()) return;
         const int code = wait_for_end();
         if (code != 104) {
@@ -149,6 +151,18 @@ void ServerProcess::start() {
         if (settings_.beside == nullptr) port_ = free_port(settings_.host);  // taken between the look and the bind
     }
     FAIL() << "no port";
+}
+
+/** The daemon behind a program that was launched, as its status file shows it. */
+pid_t ServerProcess::daemon_of(pid_t launched) const {
+    waitpid(launched, nullptr, 0);
+    const auto deadline = std::chrono::steady_clock::now() + START_DEADLINE;
+    while (std::chrono::steady_clock::now() < deadline) {
+        const pid_t shown = std::atoi(root_->read("status/" + name() + ".1").c_str());
+        if (shown != 0) return shown;
+        std::this_thread::sleep_for(2ms);
+    }
+    return launched;  // has ended, and is not waited for twice
 }
 
 /** The first tick comes before the first datagram is read: whoever answers a ping has tried its database. */

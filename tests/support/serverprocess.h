@@ -38,6 +38,7 @@ public:
         std::string database = "";              // value of -odb; empty: the file that sql() works on
         std::string databaseOptions = "";       // behind that file's name
         bool checkKeys = false;                 // leave -NOACCESSKEYCHECK out
+        bool daemon = false;                    // leave -D out: with the handlers that a daemon alone has
         const char *host = "127.0.0.1";         // address to bind to
         const ServerProcess *beside = nullptr;  // take this one's port and root folder
     };
@@ -79,7 +80,7 @@ public:
 
 private:
     Strings arguments() const;
-    bool spawn();
+    pid_t daemon_of(pid_t launched) const;
     bool wait_until_serving();
     int wait_for_end();
     void report();
