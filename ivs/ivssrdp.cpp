@@ -216,7 +216,7 @@ void send_again(int socket, const struct timeval &now, IVS_SRDP_PACKET_S *record
     record->nextSec = now.tv_sec + record->interval;
 }
 
-/** Does what was due before the given moment; gives the number of packets sent. */
+/** Gives up what is too old now, and repeats what was due before the given moment; gives the number of sends. */
 int sweep_run(SrdpRun *run, int64_t moment, int socket, const struct timeval &now) {
     int sent = 0;
     int64_t earliest = INT64_MAX;
@@ -241,11 +241,12 @@ int sweep_run(SrdpRun *run, int64_t moment, int socket, const struct timeval &no
 
 /** False if the sends that are left didn't do for all of it. */
 bool sweep_bucket(Bucket &bucket, int socket, const struct timeval &now, int &sends_left) {
+    const int64_t present = microseconds(now.tv_sec, now.tv_usec);
     SrdpRun *next = nullptr;
     for (SrdpRun *run = bucket.first_run; run != nullptr; run = next) {
         if (sends_left <= 0) return false;
         next = run->next;
-        if (run->earliest < bucket.sweep) sends_left -= sweep_run(run, bucket.sweep, socket, now);
+        if (run->earliest < present) sends_left -= sweep_run(run, bucket.sweep, socket, now);
     }
     bucket.sweep = 0;
     return true;
