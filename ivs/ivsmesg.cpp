@@ -77,7 +77,8 @@ void count_bytes(const unsigned char *packet, int length) {
 }
 
 void measure(time_t now, const unsigned char *packet, int length) {
-    if (ivs_last_measure + MEASURE_SECONDS < now) {
+    const time_t since = now - ivs_last_measure;
+    if (since > MEASURE_SECONDS || since < -MEASURE_SECONDS) {  // the latter after the clock was set back
         ivs_last_measure = now;
         if (ivs_measured_packets > 0) report_measurement();
     }

@@ -109,6 +109,28 @@ private:
 
 // ---- Sessions and time --------------------------------------------------------------------------------------------
 
+TEST_F(Core, StepOfTheWallClockMovesSessionsAndTheirSweepAndTheHook) {
+    static int hooks;
+    ra_server.onPeriodic = [](timeval *) { hooks++; };
+    for (const time_t step : {60, -60, 7200}) {
+        deliver(10, request_datagram(1, {"a"}));
+        tick(20);
+        hooks = calls = 0;
+        ra_clock_was_set(&ra_server, step);
+        start += step;  // the same moment, as the new clock shows it
+        for (time_t second = 21; second < 60; second++) tick(second);
+        EXPECT_EQ(hooks, 0) << step;
+        deliver(59, request_datagram(1, {"a"}));
+        EXPECT_EQ(calls, 0) << "the reply is still there";
+        tick(61);
+        EXPECT_EQ(hooks, 1) << step;
+        EXPECT_EQ(ra_server.sessionCount, 1u) << step;
+        tick(122);
+        EXPECT_EQ(ra_server.sessionCount, 0u) << step;
+        start += 122;
+    }
+}
+
 TEST_F(Core, SweepsASessionAfterSixtyIdleSeconds) {
     deliver(0, request_datagram(1, {"a"}), "127.0.0.2");
     deliver(1, request_datagram(1, {"a"}), "127.0.0.3");

@@ -9,6 +9,18 @@
 #include "tests/support/testclient.h"
 
 namespace {
+time_t clock_was_set_by = 0;
+}
+
+/** Stands in front of the system's own, so that a test can set the wall clock. */
+extern "C" int gettimeofday(timeval *now, void *) noexcept {
+    timespec real{};
+    clock_gettime(CLOCK_REALTIME, &real);
+    *now = {real.tv_sec + clock_was_set_by, real.tv_nsec / 1000};
+    return 0;
+}
+
+namespace {
 
 struct Seen {
     int periodic = 0, hourly = 0, status = 0, data = 0, accepts = 0;
@@ -19,6 +31,7 @@ struct Seen {
     int stopAtPeriodic = 0;
     size_t stopAtPackets = 0;
     useconds_t periodicTakes = 0;
+    time_t clockStepAtPeriodic = 0;  // at the second one
     int udp = -1, other = -1;
 };
 
@@ -28,6 +41,7 @@ void on_periodic(void *context, struct timeval *) {
     Seen *seen = seen_in(context);
     if (seen->periodicTakes != 0) usleep(seen->periodicTakes);
     if (++seen->periodic == seen->stopAtPeriodic) process_context.running = 0;
+    if (seen->periodic == 2) clock_was_set_by += seen->clockStepAtPeriodic;
 }
 void on_packet(void *context, struct timeval *, unsigned char *packet, int length, void *, int) {
     Seen *seen = seen_in(context);
@@ -113,6 +127,20 @@ TEST_F(RunLoop, TicksAndTellsTheHourOnce) {
     EXPECT_EQ(seen.periodic, 5);
     EXPECT_LE(seen.hourly, 2) << "once, or twice around the full hour";
     EXPECT_GE(seen.hourly, 1);
+}
+
+TEST_F(RunLoop, MovesTheStoredTimesWhenTheWallClockIsSet) {
+    for (const time_t step : {60, -60}) {
+        ra_server.lastSweep = 1000000;
+        tick.tv_usec = 2000;
+        seen.periodic = 0;
+        seen.stopAtPeriodic = 5;
+        seen.clockStepAtPeriodic = step;
+        process_context.running = 1;
+        run();
+        EXPECT_EQ(ra_server.lastSweep, 1000000 + step);
+    }
+    clock_was_set_by = 0;
 }
 
 TEST_F(RunLoop, ServesWhatWaitsWhenTheTickIsLate) {
