@@ -354,12 +354,13 @@ TEST_F(Srdp, ManyThatEndTogetherAreGoneAtOnce) {
         receive(0, id(number));
         arrived();
     }
-    static_assert(3 * SRDP_FREED_A_TICK <= 2 * SRDP_SENT_A_TICK);
-    for (const double now : {4.1, 4.2}) tick(now), arrived();
+    tick(4.1);  // more than a tick repeats: when they end, this sweep is still under way
+    arrived();
     tick(65);
-    const auto all = static_cast<unsigned long>(many);
-    EXPECT_EQ(totals(), Totals({all, 0, 0, 0, all, all, 0, all, 0, all}));
-    EXPECT_EQ(srdp_stats_at(T + 66, 1)[SRDP_RE1], all) << "repeats are counted with the end, not with the memory";
+    const auto all = static_cast<unsigned long>(many), repeats = total(SRDP_RES);
+    EXPECT_LT(repeats, all);
+    EXPECT_EQ(totals(), Totals({all, 0, 0, 0, all, all, 0, repeats, 0, all}));
+    EXPECT_EQ(srdp_stats_at(T + 66, 1)[SRDP_RE1], repeats) << "repeats are counted with the end, not with the memory";
     acknowledge(65, last, to);
     EXPECT_EQ(total(SRDP_ARR), 1U) << "a packet given up is unknown";
     srdp_replay_limit = all;
