@@ -3,6 +3,8 @@
 
 PACKAGES=(g++ cmake ninja-build libsqlite3-dev sqlite3 libgtest-dev libbenchmark-dev
           python3-aiosmtpd mandoc)
+WEB_PACKAGES=(lighttpd)               # ./run --web
+BROWSER_PACKAGES=(lighttpd chromium)  # ./test --web, besides node and npm
 
 say() { printf '%s\n' "$@"; }
 fail() { printf '%s: %s\n' "$(basename "$0")" "$*" >&2; exit 1; }
@@ -23,6 +25,10 @@ Install them as root:  apt-get install ${missing[*]}"
         as_root=(sudo)
     fi
     say "Installing Debian packages: ${missing[*]}"
+    # The web server is started by us, on one port of this host: the package's own service stays off.
+    case " ${missing[*]} " in *' lighttpd '*)
+        command -v systemctl >/dev/null && "${as_root[@]}" systemctl mask --quiet lighttpd 2>/dev/null ;;
+    esac
     "${as_root[@]}" apt-get update -qq &&
         "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null ||
         fail "the packages could not be installed: ${missing[*]}"
