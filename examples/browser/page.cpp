@@ -12,8 +12,9 @@
 
 namespace {
 
-char *stateFields[] = {const_cast<char *>("table"),  const_cast<char *>("sort"), const_cast<char *>("order"),
-                       const_cast<char *>("filter"), const_cast<char *>("rows"), const_cast<char *>("after"),
+char *stateFields[] = {const_cast<char *>("table"),  const_cast<char *>("sort"),
+                       const_cast<char *>("order"),  const_cast<char *>("filter"),
+                       const_cast<char *>("rows"),   const_cast<char *>("after"),
                        const_cast<char *>("before"), nullptr};
 std::vector<std::string> leftBehind;
 
@@ -29,9 +30,12 @@ std::string without_openings(const char *text) {
     std::string plain;
     for (; *text != '\0'; ++text) {
         const bool isVariable = text[0] == '<' && (text[1] == '$' || text[1] == '#');
-        if (isVariable) plain += "&#60;";
-        else if (*text == '[') plain += "&#91;";
-        else plain += *text;
+        if (isVariable)
+            plain += "&#60;";
+        else if (*text == '[')
+            plain += "&#91;";
+        else
+            plain += *text;
     }
     return plain;
 }
@@ -57,11 +61,11 @@ void leave_behind(const std::vector<std::string> &names) {
     leftBehind.insert(leftBehind.end(), names.begin(), names.end());
 }
 
-std::string state(const std::vector<const char *> &without) {
-    std::vector<char *> excluded;
-    for (const char *name : without) excluded.push_back(const_cast<char *>(name));
-    for (std::string &name : leftBehind) excluded.push_back(name.data());
-    excluded.push_back(nullptr);
+std::string state(const std::vector<std::string> &without) {
+    std::vector<std::string> names = leftBehind;
+    names.insert(names.end(), without.begin(), without.end());
+    std::vector<char *> excluded(names.size() + 1);  // a null pointer ends it
+    for (size_t i = 0; i < names.size(); ++i) excluded[i] = names[i].data();
     const OwnedBlock<char> query(ghIn2Query(excluded.data()));
     return *query.get() == '&' ? query.get() + 1 : "";
 }

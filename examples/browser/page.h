@@ -22,7 +22,7 @@ void show_html(const std::string &name, const std::string &html, std::initialize
 void leave_behind(const std::vector<std::string> &names);
 
 /** The query that leads to the list as it stands: all inputs but those left behind, and those named. */
-std::string state(const std::vector<const char *> &without = {});
+std::string state(const std::vector<std::string> &without = {});
 
 /** Hidden fields for the same, for forms. */
 std::string state_fields();

@@ -34,9 +34,12 @@ struct Failure {
     const char *status, *text, *httpStatus;
 };
 constexpr Failure failures[] = {
-    {"1", "refused", "502 Bad Gateway"},          {"2", "exists", "409 Conflict"},
-    {"101", "gone", "404 Not Found"},             {"1002", "notable", "502 Bad Gateway"},
-    {"1012", "toomuch", "413 Content Too Large"}, {"denied", "denied", "503 Service Unavailable"},
+    {"1", "refused", "502 Bad Gateway"},
+    {"2", "exists", "409 Conflict"},
+    {"101", "gone", "404 Not Found"},
+    {"1002", "notable", "502 Bad Gateway"},
+    {"1012", "toomuch", "413 Content Too Large"},
+    {"denied", "denied", "503 Service Unavailable"},
     {"away", "away", "504 Gateway Timeout"},
 };
 
@@ -114,7 +117,8 @@ void show_record(const Browser &browser, const Strings &values, const char *task
 }
 
 /** The form again, with what was entered and what is wrong with it. */
-[[noreturn]] void ask_again(const Browser &browser, const char *task, const char *failure, const std::string &detail) {
+[[noreturn]] void ask_again(const Browser &browser, const char *task, const char *failure,
+                            const std::string &detail) {
     Strings values;
     for (const Column &column : browser.table.columns) values.push_back(entered(column));
     if (!browser.id.empty()) values[0] = browser.id;
@@ -136,10 +140,16 @@ PageRequest wanted_page(const Table &table) {
     std::string filter = input("filter");
     if (filter.find_first_of("*?") == std::string::npos) filter = "*" + filter + "*";
     const bool isBefore = !input("before").empty();
-    const bool isOffered = std::find(std::begin(rowChoices), std::end(rowChoices), input("rows")) != std::end(rowChoices);
+    const bool isOffered =
+        std::find(std::begin(rowChoices), std::end(rowChoices), input("rows")) != std::end(rowChoices);
     const std::string rows = isOffered ? input("rows") : rowChoices[0];
-    return {table, sort != nullptr ? sort->name : KEY, filter, strtoul(rows.c_str(), nullptr, 10),
-            input("order") == "down", input(isBefore ? "before" : "after"), isBefore};
+    return {table,
+            sort != nullptr ? sort->name : KEY,
+            filter,
+            strtoul(rows.c_str(), nullptr, 10),
+            input("order") == "down",
+            input(isBefore ? "before" : "after"),
+            isBefore};
 }
 
 void show_heads(const PageRequest &wanted) {
@@ -250,7 +260,8 @@ Strings values_of(const Browser &browser) {
     char *end;
     const long by = strtol(text.c_str(), &end, 10);
     const bool isNumber = end != text.c_str() && *end == '\0' && labs(by) <= MOST_AT_ONCE;
-    if (column == nullptr || column->kind != Kind::COUNTER || !isNumber) fail("nonumber", "422 Unprocessable Content");
+    if (column == nullptr || column->kind != Kind::COUNTER || !isNumber)
+        fail("nonumber", "422 Unprocessable Content");
     require(browser.store.count(browser.table, browser.id, column->name, by));
     go_to_record(browser.id, "count");
 }
@@ -270,9 +281,9 @@ struct Action {
     void (*run)(const Browser &browser);
 };
 constexpr Action actions[] = {
-    {"", false, false, list},      {"record", false, true, record}, {"new", false, false, blank},
+    {"", false, false, list},          {"record", false, true, record}, {"new", false, false, blank},
     {"confirm", false, true, confirm}, {"insert", true, false, insert}, {"update", true, true, update},
-    {"count", true, true, count},  {"delete", true, true, remove},
+    {"count", true, true, count},      {"delete", true, true, remove},
 };
 
 void run(const Browser &browser) {

@@ -24,12 +24,12 @@ struct Answer {
 /** A page of a list that is asked for. */
 struct PageRequest {
     const Table &table;
-    std::string sort;      // a column's name
-    std::string filter;    // pattern with * and ?
-    size_t rows;           // at most
+    std::string sort;    // a column's name
+    std::string filter;  // pattern with * and ?
+    size_t rows;         // at most
     bool descending;
-    std::string anchor;    // key of the record that the page is next to; empty: the first page
-    bool isBefore;         // the page in front of the anchor, not the one behind it
+    std::string anchor;  // key of the record that the page is next to; empty: the first page
+    bool isBefore;       // the page in front of the anchor, not the one behind it
 };
 
 struct Page {

@@ -36,8 +36,8 @@ std::vector<std::string> words(const std::string &text) {
     return found;
 }
 
-Column read_column(PAA_S *settings, const std::string &table, const std::string &name) {
-    const std::string key = table + "." + name, text = setting(settings, key);
+Column read_column(PAA_S *settings, const std::string &key, const std::string &name) {
+    const std::string text = setting(settings, key);
     char kind[16];
     unsigned size;
     int label = 0;
@@ -53,7 +53,7 @@ Column read_column(PAA_S *settings, const std::string &table, const std::string 
 Table read_table(PAA_S *settings, const std::string &name) {
     Table table{name, setting(settings, name), {}};
     for (const std::string &column : words(setting(settings, name + ".columns"))) {
-        table.columns.push_back(read_column(settings, name, column));
+        table.columns.push_back(read_column(settings, name + "." + column, column));
     }
     if (table.columns.empty() || table.columns[0].name != KEY) refuse(name + ".columns", "doesn't begin with ID");
     return table;
