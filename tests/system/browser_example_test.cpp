@@ -79,8 +79,10 @@ TEST_F(BrowserExample, PagesThroughAllRecordsAndBack) {
             for (; !query_of(page, "next").empty(); pages.push_back(ids(page))) page = get(query_of(page, "next"));
             std::string joined;
             for (const std::string &one : pages) joined += one;
-            EXPECT_EQ(joined, server.value("SELECT group_concat(ID, char(10)) || char(10) FROM (SELECT ID FROM PLACES "
-                                           "ORDER BY " + sort + " " + order + ", ID " + order + ")"));
+            EXPECT_EQ(joined,
+                      server.value("SELECT group_concat(ID, char(10)) || char(10) FROM (SELECT ID FROM PLACES "
+                                   "ORDER BY " +
+                                   sort + " " + order + ", ID " + order + ")"));
             ASSERT_GT(pages.size(), 3U);
             for (size_t i = pages.size() - 1; i-- > 0;) {
                 page = get(query_of(page, "prev"));
@@ -101,10 +103,12 @@ TEST_F(BrowserExample, ChangesRecordsByForms) {
     };
     EXPECT_EQ(redirected(post("table=PLACES&sort=NAME&do=insert&f_ID=new&f_NAME=N&f_COUNTRY=C&f_NOTE=a%0D%0Ab")),
               "table=PLACES&sort=NAME&" + record + "insert");
-    EXPECT_EQ(server.value("SELECT NAME || COUNTRY || NOTE || VISITS FROM PLACES WHERE ID = 'new'"), "NCa\nb00000000");
+    EXPECT_EQ(server.value("SELECT NAME || COUNTRY || NOTE || VISITS FROM PLACES WHERE ID = 'new'"),
+              "NCa\nb00000000");
     redirected(post("table=PLACES&do=update&id=new&f_ID=other&f_NAME=M&f_COUNTRY="));
     EXPECT_EQ(server.value("SELECT NAME || ifnull(COUNTRY, '-') FROM PLACES WHERE ID = 'new'"), "M-");
-    EXPECT_EQ(redirected(post("table=PLACES&do=count&id=new&column=VISITS&by=17")), "table=PLACES&" + record + "count");
+    EXPECT_EQ(redirected(post("table=PLACES&do=count&id=new&column=VISITS&by=17")),
+              "table=PLACES&" + record + "count");
     EXPECT_EQ(server.value("SELECT VISITS FROM PLACES WHERE ID = 'new'"), "00000011");
     EXPECT_NE(get("table=PLACES&do=record&id=new").find("<span class=\"value\">17</span>"), std::string::npos);
     EXPECT_EQ(redirected(post("table=PLACES&do=delete&id=new")), "table=PLACES&id=new&done=delete");
@@ -115,10 +119,11 @@ TEST_F(BrowserExample, ShowsValuesThatCanDoNothing) {
     const std::string value = "<$g_self> <#g_self> [b]x[/b] <script>\"' onclick=&amp; javascript:";
     const std::string shown =
         "&#60;$g_self&#62; &#60;#g_self&#62; &#91;b]x&#91;/b] &#60;script&#62;&#34;' onclick=&#38;amp; javascript:";
-    server.sql("UPDATE PLACES SET NOTE = replace('" + std::regex_replace(value, std::regex("'"), "''") + "', '', '')");
+    server.sql("UPDATE PLACES SET NOTE = replace('" + std::regex_replace(value, std::regex("'"), "''") +
+               "', '', '')");
     const std::string encoded = "%3C$g_self%3E%5Bb%5D%22%3E";  // the same in everything that a request says
-    for (const std::string &query : Strings{"table=PLACES", "table=PLACES&do=record&id=oslo",
-                                            "table=PLACES&do=confirm&id=oslo"}) {
+    for (const std::string &query :
+         Strings{"table=PLACES", "table=PLACES&do=record&id=oslo", "table=PLACES&do=confirm&id=oslo"}) {
         EXPECT_NE(get(query).find(shown), std::string::npos) << query;
     }
     for (const std::string &query :
@@ -126,7 +131,7 @@ TEST_F(BrowserExample, ShowsValuesThatCanDoNothing) {
                  "table=PLACES&do=record&id=" + encoded, "table=PLACES&x" + encoded + "=" + encoded,
                  "table=PLACES&done=" + encoded, "table=PLACES&done=insert&id=" + encoded}) {
         const std::string page = get(query);
-        EXPECT_EQ(all(page, "(/records\\[b\\]|<\\$|<strong>\"|\"\">)"), "") << page;
+        EXPECT_EQ(all(page, "(\\[b|<\\$|/records>|b\\]\")"), "") << page;
     }
 }
 
@@ -139,7 +144,7 @@ TEST_F(BrowserExample, TellsEachFailure) {
     expect(get("table=PLACES&do=record&id=atlantis"), "404", "There is no record “atlantis” any more");
     expect(post("table=PLACES&do=update&id=atlantis&f_NAME=x"), "404", "any more");
     expect(post("table=PLACES&do=delete&id=atlantis"), "404", "any more");
-    expect(post("table=PLACES&do=insert&f_ID=oslo&f_NAME=kept"), "422", "There is a record <strong>oslo</strong> already");
+    expect(post("table=PLACES&do=insert&f_ID=oslo&f_NAME=kept"), "422", "There is a record “oslo” already");
     expect(post("table=PLACES&do=insert&f_NAME=kept"), "422", "value=\"kept\"");
     expect(post("table=PLACES&do=update&id=oslo&f_NAME=" + std::string(41, 'x')), "422", "Name is too long");
     expect(post("table=PLACES&do=count&id=oslo&column=VISITS&by=1x"), "422", "no number");
