@@ -52,8 +52,9 @@ Column read_column(PAA_S *settings, const std::string &key, const std::string &n
 
 Table read_table(PAA_S *settings, const std::string &name) {
     Table table{name, setting(settings, name), {}};
-    for (const std::string &column : words(setting(settings, name + ".columns"))) {
-        table.columns.push_back(read_column(settings, name + "." + column, column));
+    const std::string prefix = name + ".";
+    for (const std::string &column : words(setting(settings, prefix + "columns"))) {
+        table.columns.push_back(read_column(settings, prefix + column, column));
     }
     if (table.columns.empty() || table.columns[0].name != KEY) refuse(name + ".columns", "doesn't begin with ID");
     return table;
