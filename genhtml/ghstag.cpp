@@ -63,7 +63,9 @@ bool replace_first_tag(std::string &text, size_t &cursor) {
         const std::string inside = text.substr(content, trim_white_to(text, content, closing) - content);
         std::string spare;
         replace_in(value, "%s", inside, 0, spare);
-        exchange(text, opening, closing + close.size(), value);
+        const std::string whole = text.substr(opening, closing + close.size() - opening);
+        const size_t first = text.find(whole);  // the same text may stand before the cursor: then that one goes
+        exchange(text, first, first + whole.size(), value);
         cursor = 0;
     } else if (value.find("%s") == NOWHERE) {
         exchange(text, opening, bracket + 1, value);
