@@ -291,6 +291,11 @@ TEST(Limits, OfALoop) {
     page.variables = {{"v2550", ""}};  // the 256th name
     page.expected = "";
     expect_page(page);
+    const std::string name(341, 'n');  // what of a name makes the key
+    page.variables = {{name + "0", "value"}};
+    page.text = "<!-- #for loopname=\"l\" loopvars=\"" + name + "m\" -->\n<$" + name + "o>\n" + end;
+    page.expected = "value\n";
+    expect_page(page);
     page.text = begin + repeated(1025, line) + end;
     page.expected = "(20) ghsReadFor: Too many lines in loop \"l\".\n";
     expect_page(page);

@@ -111,7 +111,7 @@ TEST(Texts, LoseTheirActiveContent) {
         {"<embed src=a.htm>", "  mbed src=a.htm>", 1},
         {"<EMBED HTML", "  MBED HTML", 1},
         {"<embed src=a.mid> htm", "<embed src=a.mid> htm", 0},
-        {"<embed Htm>", "<embed Htm>", 0},
+        {"<scripts> <embed Htm>", "<scripts> <embed Htm>", 0},
         {"&{x};", "  x};", 1},
         {"& {x}; &amp; & x{", "   x}; &amp; & x{", 1},
         {"<$COOKIE> < $AUTH> <$AUTHOR> <$cookie>", " $COOKIE>   $AUTH> <$AUTHOR> <$cookie>", 2},
@@ -172,7 +172,7 @@ TEST(KeyFile, IsReadByLines) {
     const RootFolder root;
     root.write("keys",
                "# comment\n#\n  # comment\n \t\nplain value  with blanks \t\n\tindented\tvalue # not a comment\n"
-               "empty\nlines one\\ntwo\\\\n\nlong a \\ \n   b\\\n\tc \nended a\\\n  \nagain 1\nagain 2\nslash\\\n"
+               "empty\nlines one\\ntwo\\\\n\nlong a \\ \n   b\\\n\tc \nended a\\\\\n  \nagain 1\nagain 2\nslash\\\n"
                "two a\\\\\nb\nwide " +
                    std::string(5000, 'w') + "\nlast end\\");
     PAA_S *const table = ghsReadArray(nullptr, root.path("keys").c_str());
@@ -183,7 +183,7 @@ TEST(KeyFile, IsReadByLines) {
         {"empty", ""},
         {"lines", "one\ntwo\\\n"},
         {"long", "a bc"},
-        {"ended", "a"},
+        {"ended", "a\\"},
         {"again", "2"},
         {"slash\\", ""},
         {"two", "a\\b"},
@@ -223,7 +223,8 @@ TEST(Memory, IsZeroedCopiedAndJoined) {
 #define TEN "0", "1", "2", "3", "4", "5", "6", "7", "8", "9"
     std::string seventy;
     for (int i = 0; i < 70; ++i) seventy += std::to_string(i % 10);
-    EXPECT_EQ(taken(ghsNStrcat("t", TEN, TEN, TEN, TEN, TEN, TEN, TEN, static_cast<char *>(nullptr))), seventy);
+    EXPECT_EQ(taken(ghsNStrcat("t", "first", TEN, TEN, TEN, TEN, TEN, TEN, TEN, static_cast<char *>(nullptr))),
+              "first" + seventy);
 
     EXPECT_EQ(ghsErrno, 0);
     EXPECT_STREQ(ghsErrMsg, "t: Ok.\n");
@@ -238,6 +239,8 @@ TEST(Memory, IsZeroedCopiedAndJoined) {
     EXPECT_EQ(items[3001], nullptr);
     EXPECT_EQ(taken(items[2999]) + "|" + taken(items[3000]), "word|");
     for (size_t i = 0; i < 2999; ++i) free(items[i]);
+    EXPECT_EQ(ghsSplit("b ", ", ", items.data()), 1) << "half of them is none";
+    free(items[0]);
 }
 
 // ---- Scripts: programs in the folders of a platform --------------------------------------------------------------------
