@@ -76,8 +76,8 @@ int no_socket(RA_CLIENT_S *client) {
     return fail(client->error, RAERRSOCKET, "Failed to get client socket! error: %s!", strerror(errno));
 }
 int killed(RA_CLIENT_S *client) { return fail(client->error, RAERRKILLED, "The process has been killed!"); }
-int too_long(ErrorText error) {
-    return fail(error, RAERRTOOLONG, "Arguments to long: More than %d bytes!", RA_MAX_REQUEST_TEXT);
+int too_long(RA_CLIENT_S *client, int limit) {
+    return fail(client->error, RAERRTOOLONG, "Arguments to long: More than %d bytes!", limit);
 }
 int too_many(RA_CLIENT_S *client, int count) {
     return fail(client->error, RAERRTOOMANY, "Too many arguments: %d!", count);
@@ -136,13 +136,18 @@ int open_socket(RA_CLIENT_S *client) {
     return 0;
 }
 
-/** Lays the strings behind the header, up to the first null. Returns false if they take too many bytes. */
-bool write_strings(ByteWriter &datagram, int argc, char **argv) {
+/** What is left to the strings where key prefix, header and strings must fit into an envelope: it is a byte and blocks
+ *  of 16, the first of which is the session key. */
+constexpr int MAX_ENCIPHERED_TEXT =
+    (int{sizeof(RA_CLIENT_S::request)} - 1) / 16 * 16 - 16 - int{IVS_KEY_PREFIX} - int{RA_HEADER_SIZE};
+
+/** Lays the strings behind the header, up to the first null. Returns false if they take more than `limit` bytes. */
+bool write_strings(ByteWriter &datagram, int limit, int argc, char **argv) {
     size_t total = 0;
     for (int index = 0; index < argc && argv[index] != nullptr; ++index) {
         const size_t length = strlen(argv[index]) + 1;
         total += length;
-        if (total > RA_MAX_REQUEST_TEXT) return false;
+        if (total > static_cast<size_t>(limit)) return false;
         datagram.bytes(argv[index], static_cast<int>(length));
     }
     return true;
@@ -168,14 +173,17 @@ int ra::prepare(RA_CLIENT_S *client, int argc, int lent_socket) {
     return 0;
 }
 
-int ra::build_request(const RA_CLIENT_S *client, const Draft &draft, int argc, char **argv) {
+int ra::build_request(RA_CLIENT_S *client, const Draft &draft, int argc, char **argv) {
     int flags = PACKETKEYNONE;
     const unsigned char *key = packet_accesskey_by_ip(client->ip, &flags);
+    // Hardened, the prefix is in every envelope: by it a hardened server tells a request from noise.
+    const bool is_hardened = key != nullptr && process_context.hardened != 0;
+    const int limit = is_hardened ? MAX_ENCIPHERED_TEXT : int{RA_MAX_REQUEST_TEXT};
 
     ByteWriter datagram(draft.bytes, draft.size);
-    if ((flags & PACKETKEYCLEAR) != 0) datagram.u8(IVS_TYPE_ACCK).bytes(key, IVS_KEY_SIZE);
+    if (is_hardened || (flags & PACKETKEYCLEAR) != 0) datagram.u8(IVS_TYPE_ACCK).bytes(key, IVS_KEY_SIZE);
     datagram.u8(IVS_TYPE_RAUP).u8(static_cast<unsigned>(draft.function)).u8(0).raw32(draft.sequence);
-    if (!write_strings(datagram, argc, argv)) return RAERRTOOLONG;
+    if (!write_strings(datagram, limit, argc, argv)) return say::too_long(client, limit);
     return key != nullptr ? encipher(key, draft, datagram.length()) : datagram.length();
 }
 
@@ -194,11 +202,16 @@ std::optional<ra::Answer> ra::read_answer(unsigned char *packet, int length) {
     return answer;
 }
 
+bool ra::counts_as_answer(const RA_CLIENT_S *client) {
+    return process_context.hardened == 0 || keyAccepted != 0 ||
+           packet_accesskey_by_ip(client->ip, nullptr) == nullptr;
+}
+
 int ra::take_answer(RA_CLIENT_S *client, unsigned char *packet, int length, const PacketAddress &peer) {
     const std::optional<Answer> answer = read_answer(packet, length);
     const bool is_from_server =
         peer.sin_addr.s_addr == client->address->sin_addr.s_addr && peer.sin_port == client->address->sin_port;
-    if (!answer || !is_from_server) return NO_RESULT_YET;
+    if (!answer || !is_from_server || !counts_as_answer(client)) return NO_RESULT_YET;
     if (answer->type != IVS_TYPE_RAUP || answer->sequence + 1 != client->sequence) return NO_RESULT_YET;
 
     if (answer->function == RA_FUNCTION_REFUSED) return say::denied(client->error);
@@ -304,6 +317,7 @@ char *string_at(char **strings, int count, int index) {
 RA_CLIENT_S *raclient_udp_create(const char *host, uint16_t port, int interval, int tries) {
     constexpr char label[] = "raclient_udp_create";
     if (host == nullptr) return nullptr;
+    process_harden_by_environment();  // a program that lives by clients alone may have gone without process_init
     OwnedBlock<RA_CLIENT_S> client(process_malloc(label, sizeof(RA_CLIENT_S)));
     if (client.is_null()) return nullptr;
     client->host = static_cast<char *>(process_memdup(label, host, static_cast<int>(strlen(host)) + 1));
@@ -329,7 +343,7 @@ int raclient_udp_request(RA_CLIENT_S *client, int argc, char **argv) {
 
     const ra::Draft draft{client->request, sizeof client->request, RA_FUNCTION_SYNC, client->sequence};
     client->requestLength = ra::build_request(client, draft, argc, argv);
-    if (client->requestLength < 0) return ra::say::too_long(client->error);
+    if (client->requestLength < 0) return client->requestLength;
 
     client->result = ra::NO_RESULT_YET;
     client->deadline = time(nullptr) + static_cast<time_t>(client->interval) * client->tries;

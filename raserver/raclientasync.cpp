@@ -108,8 +108,8 @@ int raUdpRequest(int socket, RA_CLIENT_S *client, int argc, char **argv, RA_CALL
     const ra::Draft draft{request->request, sizeof request->request, RA_FUNCTION_ASYNC, request->sequence};
     request->requestLength = ra::build_request(client, draft, argc, argv);
     if (request->requestLength < 0) {
-        raclient_request_delete(client, request);
-        return ra::say::too_long(client->error);  // in the client: the request's own text would go with it
+        ra::delete_request(request);
+        return RAERRTOOLONG;
     }
     const time_t now = present_time();
     request->deadline = now + static_cast<time_t>(client->interval) * client->tries;
@@ -127,7 +127,7 @@ void raclient_udp_reply(RA_SERVER_S *context, unsigned char *packet, int length,
     const auto answer = ra::read_answer(packet, length);
     if (!answer || answer->type != IVS_TYPE_RAUA) return;
     RA_REQUEST_S *request = answered_request(*context, address, answer->sequence);
-    if (request == nullptr) return;
+    if (request == nullptr || !ra::counts_as_answer(request->client)) return;
 
     if (answer->function == RA_FUNCTION_REFUSED) {
         finish(*context, request->client, request, ra::say::denied(request->error));

@@ -51,7 +51,7 @@ namespace say {
 int not_resolved(RA_CLIENT_S *client, int result);
 int no_socket(RA_CLIENT_S *client);
 int killed(RA_CLIENT_S *client);
-int too_long(ErrorText error);
+int too_long(RA_CLIENT_S *client, int limit);
 int too_many(RA_CLIENT_S *client, int count);
 int no_answer(const RA_CLIENT_S *client, ErrorText error);
 int no_memory(RA_CLIENT_S *client, int size);
@@ -73,8 +73,9 @@ struct Draft {
 };
 
 /** Writes header and strings, up to the first null, under the key that the client's server is listed with: shown in
- *  front, and with the whole in an envelope if that fits. Returns the datagram's length, or RAERRTOOLONG. */
-int build_request(const RA_CLIENT_S *client, const Draft &draft, int argc, char **argv);
+ *  front, and with the whole in an envelope if that fits; hardened, it has to. Returns the datagram's length, or
+ *  RAERRTOOLONG: the text is then in the client, since a request's own would go with it. */
+int build_request(RA_CLIENT_S *client, const Draft &draft, int argc, char **argv);
 
 /** Calls an asynchronous request's callback, if it was not called yet: once and never again, also if the callback
  *  destroys the client with all that is pending. The request may be gone afterwards. */
@@ -95,6 +96,9 @@ struct Answer {
 
 /** Reads the header of an answer; nothing if the packet is shorter than one. */
 std::optional<Answer> read_answer(unsigned char *packet, int length);
+
+/** Whether the datagram that was read last may be an answer: hardened, what was asked under a key is answered under one. */
+bool counts_as_answer(const RA_CLIENT_S *client);
 
 /** The result of a client's running blocking request, if this is its answer, or NO_RESULT_YET. The byte behind the packet
  *  must be writable. */

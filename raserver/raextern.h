@@ -38,7 +38,7 @@ enum { RA_FUNCTION_SYNC = 1, RA_FUNCTION_RESULT = 2, RA_FUNCTION_REFUSED = 3, RA
 enum { RAERRFULL = -5 };
 
 /** Result codes of requests; 0 and above is the number of result strings. With each goes the text that raclient_errmsg
- *  gives. */
+ *  gives. In hardened mode a request under a key is too long with more than 31992 bytes, which are all that an envelope takes. */
 enum {
     RAERRHOST = -1,     /* "gethostbyname(HOST) failed! error: REASON!": the server's name is not known */
     RAERRSOCKET = -2,   /* "Failed to get client socket! error: REASON!" */

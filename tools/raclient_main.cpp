@@ -50,6 +50,9 @@ constexpr char HELP[] =
     "  -VELROOT DIR     root directory, where the server's access key is found in\n"
     "                   etc/access.key; else the environment variable VELROOT names it\n"
     "  -k KEYFILE       file of access keys to use instead, of the same form\n"
+    "  -HARDEN          under a key, takes only an answer that came under a key as well, and\n"
+    "                   refuses a request that can't be enciphered; so does VELHARDEN=1 in\n"
+    "                   the environment\n"
     "  --encode         frames the WORDs that hold other bytes than printable ASCII, so that\n"
     "                   control characters reach the database as they are\n"
     "  --json           prints each answer as one line, a JSON array of strings\n"
@@ -112,12 +115,15 @@ struct Arguments {
 
 // ---- Arguments ------------------------------------------------------------------------------------------------------
 
-enum LongOption { ROOT = 256, ENCODE, JSON, TABLE };
+enum LongOption { ROOT = 256, HARDEN, ENCODE, JSON, TABLE };
 
-constexpr option long_options[] = {
-    {"help", no_argument, nullptr, 'h'},          {"VELROOT", required_argument, nullptr, ROOT},
-    {"encode", no_argument, nullptr, ENCODE},     {"json", no_argument, nullptr, JSON},
-    {"table", required_argument, nullptr, TABLE}, {nullptr, 0, nullptr, 0}};
+constexpr option long_options[] = {{"help", no_argument, nullptr, 'h'},
+                                   {"VELROOT", required_argument, nullptr, ROOT},
+                                   {"HARDEN", no_argument, nullptr, HARDEN},
+                                   {"encode", no_argument, nullptr, ENCODE},
+                                   {"json", no_argument, nullptr, JSON},
+                                   {"table", required_argument, nullptr, TABLE},
+                                   {nullptr, 0, nullptr, 0}};
 
 bool is_number(std::string_view text) {
     return !text.empty() &&
@@ -158,6 +164,9 @@ void take_option(int code, char **argv, Arguments &given) {
             return;
         case ROOT:
             process_context.rootDir = optarg;
+            return;
+        case HARDEN:
+            process_context.hardened = 1;
             return;
         case ENCODE:
             given.frames = true;
@@ -263,10 +272,12 @@ void hint_at_keys(const RA_CLIENT_S *client) {
     const char *file = packet_accesskey_file != nullptr ? packet_accesskey_file : in_root.c_str();
     const std::string server = packet_ip2str(client->ip);
     if (packet_accesskey_by_ip(client->ip, nullptr) != nullptr) {
-        return tell(
+        tell(
             "It was sent under the key of %s in %s. Is that the server's key, does a server run there, and does "
             "it serve this host? Its log tells.",
             server.c_str(), file);
+        if (process_context.hardened == 0) return;
+        return tell("Hardened, only an answer under a key counts: has the server a key for this host?");
     }
     std::string reason = std::string(file) + " has none for " + server;
     if (packet_accesskey_file == nullptr && root == nullptr) {

@@ -2,7 +2,7 @@
 
 _raclient() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local options='-f -e -i -n -VELROOT -k --encode --json --table -- -h --help'
+    local options='-f -e -i -n -VELROOT -k -HARDEN --encode --json --table -- -h --help'
     local -a places=()   # HOST, PORT and WORDs in front of the cursor
     local at has_script= is_open=1
 

@@ -203,8 +203,8 @@ protected:
     KeyedServer keyed{keys, "127.0.0.2"};
     const std::string port = std::to_string(keyed.process.port());
 
-    ProgramEnd raclient(const Strings &words) const {
-        Strings command{"raclient", "127.0.0.2", port};
+    ProgramEnd raclient(const Strings &words, const char *option = "--") const {
+        Strings command{"raclient", option, "127.0.0.2", port};
         command.insert(command.end(), words.begin(), words.end());
         return run_program(command, {"VELROOT=" + keyed.process.root().path()});
     }
@@ -215,6 +215,13 @@ TEST_P(KeysOfBothSides, ServeTheCommand) {
     EXPECT_EQ(done.output, "0\n00000010\n") << done.errors;
     EXPECT_EQ(raclient({"what"}).errors, "raclient: Request denied by server.\n");
     EXPECT_EQ(keyed.visits(), "00000010");
+}
+
+TEST_P(KeysOfBothSides, ServeAHardenedClient) {
+    EXPECT_EQ(raclient(look, "-HARDEN").output, "0\n0000000f\n");
+    const std::string most(31991, 'x');  // and a zero byte
+    EXPECT_EQ(raclient({most}, "-HARDEN").errors, "raclient: Request denied by server.\n");
+    EXPECT_EQ(raclient({most, ""}, "-HARDEN").errors, "raclient: Arguments to long: More than 31992 bytes!\n");
 }
 
 TEST_P(KeysOfBothSides, ServeTheBlockingCall) {
@@ -241,6 +248,52 @@ TEST_P(KeysOfBothSides, ServeTheBlockingCall) {
     EXPECT_EQ(child.next_report(), has_envelope ? "165 32033" : "164 32024")
         << "with the prefix no envelope takes it";
     EXPECT_EQ(child.exit_code(), 0);
+}
+
+TEST(HardenedClient, PassesOverAnAnswerInClear) {
+    const KeyedServer keyed(line("127.0.0.2", server_key, true), "127.0.0.2");  // the client's key isn't listed
+    const auto ask = [&](const char *interval, const char *hardened) {
+        Strings command{"raclient", "-i", interval, "-n", "1", "127.0.0.2", std::to_string(keyed.process.port())};
+        command.insert(command.end(), look.begin(), look.end());
+        return run_program(command, {"VELROOT=" + keyed.process.root().path(), hardened});
+    };
+    EXPECT_EQ(ask("10", "VELHARDEN=0").output, "0\n0000000f\n");
+    const ProgramEnd end = ask("1", "VELHARDEN=1");
+    EXPECT_EQ(end.code, 4);
+    EXPECT_NE(end.errors.find("Hardened, only an answer under a key counts"), std::string::npos) << end.errors;
+}
+
+TEST(HardenedClient, PassesOverAsynchronousAnswersInClear) {
+    const RootFolder folder;
+    folder.write("etc/access.key", line("127.0.0.3", server_key, true));
+    Child child([&](Child &self) {
+        process_context.rootDir = folder.path().c_str();
+        process_context.silent = process_context.hardened = 1;
+        RA_CLIENT_S *client = raClientAdd("127.0.0.3", 9, 1, 1);
+        std::string word = "x";
+        char *words[] = {word.data()};
+        raUdpRequest(
+            -1, client, 1, words,
+            [](RA_REQUEST_S *, void *user, int result) {
+                static_cast<Child *>(user)->report(std::to_string(result));
+            },
+            &self);
+        const RA_REQUEST_S *request = client->pending.head;
+        const uint32_t sequence = request->sequence;
+        const std::string sent(request->request, request->request + request->requestLength);
+        const bool is_prefixed = server_key.opened(sent) == server_key.shown(request_datagram(sequence, {"x"}, 4));
+        for (const auto &[function, is_under_a_key] : {std::pair(3, 0), {2, 0}, {2, 1}}) {
+            std::string answer = request_datagram(sequence, {"0", "y"}, function);
+            answer[0] = 62;
+            keyAccepted = is_under_a_key;
+            raclient_udp_reply(&ra_server, reinterpret_cast<unsigned char *>(answer.data()),
+                               static_cast<int>(answer.size()), client->address);
+        }
+        raClientRemove(client);
+        return is_prefixed ? 0 : 1;
+    });
+    EXPECT_EQ(child.next_report(), "2");
+    EXPECT_EQ(child.exit_code(), 0) << "the envelope holds the key in front of the request";
 }
 
 std::string both_kinds(const testing::TestParamInfo<std::tuple<bool, bool>> &side) {
