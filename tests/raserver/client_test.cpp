@@ -7,7 +7,9 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <errno.h>
 #include <string.h>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -153,7 +155,9 @@ TEST_F(Client, SendsItsStringsAndTakesTheAnswer) {
     EXPECT_EQ(raclient_result(client, -1), nullptr);
     EXPECT_STREQ(raclient_errmsg(client), "");
     EXPECT_EQ(process_context.running, 1) << "the caller's loop is to go on";
-    EXPECT_EQ(ask({}), 0);
+    process_context.hardened = 1;
+    EXPECT_EQ(ask({}), 0) << "hardened, without a key of the server's it is as before";
+    process_context.hardened = 0;
     EXPECT_EQ(results(), Strings{});
 
     const Strings sent = server.stop();
@@ -353,6 +357,47 @@ TEST_F(Client, RunsAScript) {
     EXPECT_EQ(raclient_udp_script(client, stream.get()), -1);
     process_context.running = 0;
     EXPECT_EQ(raclient_udp_script(client, stream.get()), RAERRKILLED);
+    EXPECT_STREQ(raclient_errmsg(client), "The process has been killed!");
+}
+
+/** A script that comes in pieces: "" stands for an interruption, "stop" for one because the process is to stop. */
+OwnedFile script_of(Strings &pieces) {
+    const auto read = [](void *pieces_left, char *buffer, size_t size) -> ssize_t {
+        Strings &left = *static_cast<Strings *>(pieces_left);
+        if (left.empty()) return 0;
+        std::string &piece = left.front();
+        const bool is_interrupted = piece.empty() || piece == "stop";
+        if (piece == "stop") process_context.running = 0;
+        const size_t taken = is_interrupted ? 0 : piece.copy(buffer, size);
+        if (piece.erase(0, taken).empty() || is_interrupted) left.erase(left.begin());
+        errno = EINTR;
+        return is_interrupted ? -1 : static_cast<ssize_t>(taken);
+    };
+    return OwnedFile(fopencookie(&pieces, "r", {read, nullptr, nullptr, nullptr}));
+}
+
+TEST_F(Client, ReadsAScriptAsItCanBeRead) {
+    FakeServer server(echo);
+    connect_to(server);
+    std::string many;
+    for (int word = 0; word < 1501; word++) many += "x ";
+    struct Row {
+        Strings pieces;
+        int result;
+        std::string printed;
+    };
+    const Row rows[] = {{{"say o", "", "", "ne\n#", "", " no\nmore"}, 3, "say\none\nmore\n"},
+                        {{repeat(31997, ' ') + "abcdef\n"}, 2, "abc\ndef\n"},
+                        {{repeat(32000, 'x')}, RAERRTOOLONG, ""},
+                        {{many}, 1500, joined(Strings(1500, "x"))},
+                        {{"one\ntw", "stop", "o\n"}, RAERRKILLED, "one\n"}};
+    for (auto [pieces, result, printed] : rows) {
+        std::replace(printed.begin(), printed.end(), '\0', '\n');
+        const OwnedFile stream = script_of(pieces);
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(raclient_udp_script(client, stream.get()), result);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), printed);
+    }
     EXPECT_STREQ(raclient_errmsg(client), "The process has been killed!");
 }
 

@@ -1,6 +1,7 @@
 /* Asynchronous requests: many open at once, answered, refused, timed out or destroyed, in time that the test gives. */
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <algorithm>
 #include <functional>
@@ -10,6 +11,7 @@
 #include "process/velproc.h"
 #include "raserver/raserver.h"
 #include "tests/support/bytes.h"
+#include "tests/support/child.h"
 #include "tests/support/testclient.h"
 
 namespace {
@@ -166,6 +168,22 @@ TEST_F(AsyncClient, RefusesWhatItCantSend) {
     EXPECT_EQ(ask({std::string(31999, 'x')}, nullptr), 0);
     EXPECT_STREQ(raclient_errmsg(client), "");
 }
+
+#if !defined(__SANITIZE_ADDRESS__)  // its own memory does not fit under the limit
+TEST_F(AsyncClient, TellsThatMemoryIsShort) {
+    Child child([this](Child &self) {
+        const rlimit limit{1 << 28, 1 << 28};
+        setrlimit(RLIMIT_AS, &limit);
+        int result = 0;
+        while (result == 0) result = ask({"x"}, nullptr);
+        self.report(std::to_string(result) + raclient_errmsg(client));
+        return ask({"x"}, nullptr) == RAERRMEM ? 0 : 1;
+    });
+    EXPECT_EQ(child.next_report(), "-8Failed to malloc " + std::to_string(sizeof(RA_REQUEST_S)) +
+                                       " bytes! error: Cannot allocate memory!");
+    EXPECT_EQ(child.exit_code(), 0);
+}
+#endif
 
 /** What a callback may do to what it is about, whatever ended its request. */
 TEST_F(AsyncClient, SurvivesWhatCallbacksDo) {

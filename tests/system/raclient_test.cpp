@@ -2,10 +2,19 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 
-#include "process/owned.h"
+#include "tests/support/bytes.h"
 #include "tests/support/serverprocess.h"
 
 namespace {
+
+/** What a command of the shell writes to standard output. */
+std::string shell(const std::string &command) {
+    FILE *pipe = popen(command.c_str(), "r");
+    std::string output;
+    for (int byte; (byte = getc(pipe)) != EOF;) output += static_cast<char>(byte);
+    pclose(pipe);
+    return output;
+}
 
 constexpr char KEY[] = "abcdefghijklmnopponmlkjihgfedcba", OTHER_KEY[] = "cccccccccccccccccccccccccccccccc";
 
@@ -49,6 +58,45 @@ TEST_F(ClientProgram, ShowsAnswersInEachForm) {
     EXPECT_EQ(raclient({"--table", "3"}, list).output, rows);
     EXPECT_EQ(raclient({"--table", "ID,NAME,"}, list).output, "ID    NAME\n" + rows);
     EXPECT_EQ(raclient({"--table", "3"}, {"DB", "G", "USERS", "ID", "x", "NAME"}).output, "101\n");
+}
+
+TEST_F(ClientProgram, WritesJsonOfAnyBytes) {
+    std::string all;
+    for (int byte = 1; byte < 256; ++byte) all += static_cast<char>(byte);
+    const Strings values{all,
+                         all.substr(0, 127),
+                         "\u00e9\u0085\u20ac\U0001f600\U0010ffff\ud7ff\ue000",
+                         "over\xc0\xaf",
+                         "half \xed\xa0\x80",
+                         "high\xf4\x90\x80\x80",
+                         "short \xe2\x82"};
+    server.sql("CREATE TABLE BYTES (ID VARCHAR2(1) PRIMARY KEY, TEXT VARCHAR2(4000))");
+    std::string check = "import json,sys,os\nread=[s.encode('utf-8') for s in json.load(sys.stdin)]\nwant=[b'0'";
+    for (size_t at = 0; at < values.size(); ++at) {
+        const std::string id = std::to_string(at);
+        ASSERT_EQ(raclient({"--encode"}, {"DB", "I", "BYTES", "ID", id, "TEXT", values[at]}).output, "0\n");
+        check += ",b'" + id + "',b'";
+        for (const char each : values[at]) check += "\\x" + hex_of(&each, 1);
+        check += "'";
+    }
+    check +=
+        "]\nfor at,w in enumerate(want):\n"
+        "  try: w.decode('utf-8')\n"
+        "  except UnicodeDecodeError: want[at]=w.decode('latin-1').encode('utf-8')\n"
+        "sys.exit(read!=want)\n";
+    server.root().write("json", raclient({"--json"}, {"DB", "L", "BYTES", "ID", "", "10", "+", "*", "TEXT"}).output);
+    server.root().write("check.py", check);
+    EXPECT_EQ(shell("python3 " + root + "/check.py < " + root + "/json && echo same"), "same\n");
+}
+
+TEST_F(ClientProgram, ShowsProgressOnATerminalOnly) {
+    const std::string word = "DB G USERS ID bj NAME",
+                      command = "(echo " + word + "; sleep 1.1; echo " + word + ") | VELROOT=" + root +
+                                " " VELMORA_BIN_DIR "/raclient -f - 127.0.0.1 " + port;
+    EXPECT_EQ(shell(command + " 2>&1"), "0\nBj\u00f6rn\n0\nBj\u00f6rn\n") << "a pipe";
+    const std::string shown = shell("script -qec '" + command + "' /dev/null < /dev/null");
+    EXPECT_NE(shown.find("\r2 lines, 2 requests, "), std::string::npos) << shown;
+    EXPECT_TRUE(shown.ends_with(" a second\x1b[K\r\x1b[K")) << "and leaves nothing behind: " << shown;
 }
 
 TEST_F(ClientProgram, FramesWhatTextCantCarry) {
@@ -132,10 +180,7 @@ std::string completion_of(const std::string &words) {
     const std::string command =
         "bash -c '. " VELMORA_SOURCE_DIR "/packaging/completion/raclient.bash; set -- raclient " + words +
         "; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _raclient; echo \"${COMPREPLY[*]}\"'";
-    FILE *pipe = popen(command.c_str(), "r");
-    char line[4096] = "";
-    const bool has_line = fgets(line, sizeof line, pipe) != nullptr;
-    return pclose(pipe) == 0 && has_line ? line : "(nothing)";
+    return shell(command);
 }
 
 TEST(ClientCommandLine, IsCompleted) {
