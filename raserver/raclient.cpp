@@ -132,7 +132,6 @@ int open_socket(RA_CLIENT_S *client) {
     const int socket = packet_clt_socket();
     if (socket < 0) return ra::say::no_socket(client);
     client->socket = socket;
-    client->sequence = first_sequence();
     return 0;
 }
 
@@ -168,7 +167,9 @@ int ra::prepare(RA_CLIENT_S *client, int argc, int lent_socket) {
     client->error[0] = 0;
     if (argc > RA_MAX_STRINGS) return say::too_many(client, argc);
     if (const int code = find_server(client); code != 0) return code;
-    if (client->socket < 0 && lent_socket < 0) return open_socket(client);
+    if (client->socket < 0 && lent_socket < 0) {
+        if (const int code = open_socket(client); code != 0) return code;
+    }
     if (client->sequence == 0) client->sequence = first_sequence();
     return 0;
 }

@@ -167,6 +167,14 @@ TEST_F(AsyncClient, RefusesWhatItCantSend) {
     EXPECT_EQ(raUdpRequest(-1, nullptr, 0, nullptr, nullptr, nullptr), RAERRNOCLIENT);
     EXPECT_EQ(ask({std::string(31999, 'x')}, nullptr), 0);
     EXPECT_STREQ(raclient_errmsg(client), "");
+
+    RA_REQUEST_S *sent = client->pending.head;
+    EXPECT_GE(static_cast<int32_t>(sent->sequence), 1) << "drawn with a lent socket, too";
+    RA_CLIENT_S *other = raClientAdd("127.0.0.1", 9, 3, 5);
+    raclient_request_delete(other, sent);
+    EXPECT_EQ(client->pending.head, sent) << "not the other's to delete";
+    EXPECT_EQ(raUdpRequest(own.get(), other, 0, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(other->socket, -1) << "a socket that is given only keeps it from opening one";
 }
 
 #if !defined(__SANITIZE_ADDRESS__)  // its own memory does not fit under the limit
@@ -202,6 +210,7 @@ TEST_F(AsyncClient, SurvivesWhatCallbacksDo) {
         {"a time-out", [&](const std::string &) { tick(1000); }},
         {"the client's end", [&](const std::string &) { raClientRemove(client); }},
     };
+    ask({"other"}, nullptr);  // of a client of the same server, in front of those that the answers are for
     for (const auto &[deed, callback] : deeds) {
         for (const auto &[end, work] : ends) {
             tick(0);
