@@ -84,10 +84,9 @@ std::string json_character(std::string_view character) {
     if (character == "\"" || character == "\\") return "\\" + std::string(character);
     if (character == "\n") return "\\n";
     if (character == "\t") return "\\t";
-    const bool is_one_byte = character.size() == 1;
-    const unsigned char code = byte_of(character[0]);
-    const bool needs_escape = is_one_byte && (code < 0x20 || code >= 0x7f);
-    return needs_escape ? hex("\\u", 4, code) : std::string(character);
+    const unsigned char code = byte_of(character.back());  // that of a control character in UTF-8, too
+    const bool is_latin = character.size() == 1 && code >= 0x80;
+    return is_control(character) || is_latin ? hex("\\u", 4, code) : std::string(character);
 }
 
 std::string json_string(std::string_view text) {

@@ -56,8 +56,11 @@ TEST_F(ClientProgram, ShowsAnswersInEachForm) {
         "\"1\"]\n");
     const std::string rows = "anna  Anna \"B.\"  0000000f\nbj    Bj\u00f6rn\nlat   K\xf6\\x1b[    1\n";
     EXPECT_EQ(raclient({"--table", "3"}, list).output, rows);
-    EXPECT_EQ(raclient({"--table", "ID,NAME,"}, list).output, "ID    NAME\n" + rows);
+    EXPECT_EQ(raclient({"--table", "ID,N\u00e4me,V"}, list).output, "ID    N\u00e4me       V\n" + rows);
     EXPECT_EQ(raclient({"--table", "3"}, {"DB", "G", "USERS", "ID", "x", "NAME"}).output, "101\n");
+    EXPECT_EQ(shell("VELROOT=" + root + " " VELMORA_BIN_DIR "/raclient 127.0.0.1 " + port +
+                    " DB G USERS ID x 2>&1 > /dev/full; echo $?"),
+              "raclient: the answer could not be written: No space left on device\n1\n");
 }
 
 TEST_F(ClientProgram, WritesJsonOfAnyBytes) {
@@ -71,7 +74,9 @@ TEST_F(ClientProgram, WritesJsonOfAnyBytes) {
                          "high\xf4\x90\x80\x80",
                          "short \xe2\x82"};
     server.sql("CREATE TABLE BYTES (ID VARCHAR2(1) PRIMARY KEY, TEXT VARCHAR2(4000))");
-    std::string check = "import json,sys,os\nread=[s.encode('utf-8') for s in json.load(sys.stdin)]\nwant=[b'0'";
+    std::string check =
+        "import json,sys\ntext=sys.stdin.buffer.read().decode()\n"
+        "read=[s.encode('utf-8') for s in json.loads(text)]\nwant=[b'0'";
     for (size_t at = 0; at < values.size(); ++at) {
         const std::string id = std::to_string(at);
         ASSERT_EQ(raclient({"--encode"}, {"DB", "I", "BYTES", "ID", id, "TEXT", values[at]}).output, "0\n");
@@ -83,18 +88,20 @@ TEST_F(ClientProgram, WritesJsonOfAnyBytes) {
         "]\nfor at,w in enumerate(want):\n"
         "  try: w.decode('utf-8')\n"
         "  except UnicodeDecodeError: want[at]=w.decode('latin-1').encode('utf-8')\n"
-        "sys.exit(read!=want)\n";
+        "sys.exit(read!=want or any(c<' ' or '\\x7f'<=c<'\\xa0' for c in text[:-1]))\n";
     server.root().write("json", raclient({"--json"}, {"DB", "L", "BYTES", "ID", "", "10", "+", "*", "TEXT"}).output);
     server.root().write("check.py", check);
     EXPECT_EQ(shell("python3 " + root + "/check.py < " + root + "/json && echo same"), "same\n");
 }
 
 TEST_F(ClientProgram, ShowsProgressOnATerminalOnly) {
-    const std::string word = "DB G USERS ID bj NAME",
-                      command = "(echo " + word + "; sleep 1.1; echo " + word + ") | VELROOT=" + root +
-                                " " VELMORA_BIN_DIR "/raclient -f - 127.0.0.1 " + port;
-    EXPECT_EQ(shell(command + " 2>&1"), "0\nBj\u00f6rn\n0\nBj\u00f6rn\n") << "a pipe";
-    const std::string shown = shell("script -qec '" + command + "' /dev/null < /dev/null");
+    // The second line comes when the first was answered more than a second ago.
+    const std::string line = "echo DB G USERS ID bj NAME; ", seen = root + "/seen ",
+                      wait = "for i in $(seq 300); do grep -q Bj " + seen + "&& break; sleep 0.05; done; sleep 1.1; ",
+                      raclient = "VELROOT=" + root + " " VELMORA_BIN_DIR "/raclient -f - 127.0.0.1 " + port,
+                      command = "(" + line + wait + line + ") | " + raclient;
+    EXPECT_EQ(shell(": > " + seen + "; " + command + " 2>&1 | tee " + seen), "0\nBj\u00f6rn\n0\nBj\u00f6rn\n");
+    const std::string shown = shell(": > " + seen + "; script -qefc '" + command + "' " + seen + "< /dev/null");
     EXPECT_NE(shown.find("\r2 lines, 2 requests, "), std::string::npos) << shown;
     EXPECT_TRUE(shown.ends_with(" a second\x1b[K\r\x1b[K")) << "and leaves nothing behind: " << shown;
 }
