@@ -110,11 +110,9 @@ void read_request(RA_SERVER_S &server, RA_CONN_S *connection) {
     }
     connection->lastUsed = server.now;
     const int request = ra_http_received(connection, got);
-    if (request == RA_HTTP_COMPLETE) {
-        serve_request(server, connection);
-    } else if (request == RA_HTTP_BAD) {
-        close_connection(server, connection, 1);
-    }
+    if (request == RA_HTTP_COMPLETE) return serve_request(server, connection);
+    // A buffer that is full would keep the connection out of the read set for good.
+    if (request == RA_HTTP_BAD || ra_http_room(connection) == 0) close_connection(server, connection, 1);
 }
 
 }  // namespace

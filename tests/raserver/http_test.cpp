@@ -253,6 +253,18 @@ TEST_F(Connections, EndWhenThePeerResetsInTheMiddleOfItsAnswer) {
     signal(SIGPIPE, SIG_DFL);
 }
 
+TEST_F(Connections, TakeARequestThatFillsTheBufferExactly) {
+    std::string got;
+    hook = [&](RA_CONN_S *connection) {
+        int length = 0;
+        const auto *body = reinterpret_cast<const char *>(raConnGetBody(connection, &length));
+        got.assign(body, static_cast<size_t>(length));
+    };
+    const std::string header = "POST /x\nContent-length: 40000\n\n", body(40000, 'b');
+    const OwnedFd client = sent(header + body);
+    EXPECT_TRUE(turn_until([&] { return got == body; })) << "nobody would read on";
+}
+
 TEST_F(Connections, AreAllClosedByTheSweep) {
     const OwnedFd silent = connected(), busy = sent("POST /x\nContent-length: 100\n\nhello");
     EXPECT_TRUE(turn_until([] { return ra_server.connCount == 2 && ra_server.connections.tail->inputLength > 0; }));
