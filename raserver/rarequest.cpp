@@ -102,14 +102,14 @@ struct Datagram {
 };
 
 /** The reply as it goes out to a peer: a key that the peer is listed with is shown in front of it if it is one to be
- *  shown, and enciphers the whole. */
+ *  shown, or in each case when hardened, and enciphers the whole. */
 Datagram wrap_reply(const RA_SESSION_S *session, const Peer &peer) {
     Datagram plain{reply_header, static_cast<int>(RA_HEADER_SIZE + session->replyLength)};
     int flags = PACKETKEYNONE;
     const unsigned char *key = packet_accesskey_by_ip(peer.ip, &flags);
     if (key == nullptr) return plain;
 
-    if ((flags & PACKETKEYCLEAR) != 0) {
+    if ((flags & PACKETKEYCLEAR) != 0 || process_context.hardened != 0) {
         reply_buffer[0] = IVS_TYPE_ACCK;
         memcpy(reply_buffer + 1, key, IVS_KEY_SIZE);
         plain = {reply_buffer, IVS_KEY_PREFIX + plain.length};

@@ -204,7 +204,8 @@ std::optional<std::vector<uint8_t>> Line::receive_from(PacketAddress *peer, Cloc
         wait.tv_usec = left % 1000000;
         int peer_size = sizeof *peer;
         const int length = packet_read(socket_.get(), buffer, sizeof buffer, peer, &peer_size, &wait);
-        if (length >= 0) return std::vector<uint8_t>(buffer, buffer + length);
+        const int skipped = length > IVS_KEY_PREFIX && buffer[0] == IVS_TYPE_ACCK ? int{IVS_KEY_PREFIX} : 0;
+        if (length >= 0) return std::vector<uint8_t>(buffer + skipped, buffer + length);
         if (length != PACKETERRINTR && length != PACKETERRTIMEOUT) usleep(10000);
     }
     return std::nullopt;
@@ -503,7 +504,8 @@ Arguments read_arguments(int argc, char **argv) {
     return given;
 }
 
-/** What process_init would have set. Ctrl-C ends a wait, and ping still prints its summary. */
+/** What process_init would have set. Envelopes show the key, which only a hardened server wants. Ctrl-C ends a wait, and
+ *  ping still prints its summary. */
 void become_a_process() {
     static char name[] = "ractl";
     process_context.name = name;
@@ -511,6 +513,7 @@ void become_a_process() {
     process_context.rootDir = root != nullptr && *root != 0 ? root : nullptr;
     process_context.running = 1;
     process_context.silent = 1;
+    process_context.hardened = 1;
     const auto stop = [](int) { process_context.running = 0; };
     process_signal(SIGINT, stop);
     process_signal(SIGTERM, stop);

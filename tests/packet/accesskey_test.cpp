@@ -253,6 +253,12 @@ TEST_F(Arrivals, AreMarkedByKeyOrEnvelope) {
             }
         }
         EXPECT_TRUE(arrived(enveloped(Bytes(16, 9), {1})).starts_with("1 opened ")) << "noise, and nothing tells";
+        process_context.hardened = 1;
+        for (const std::string &packet : {inner, falsely, shown.substr(0, 32), shown}) {
+            const std::string mark = packet == shown ? "1" : "0";
+            EXPECT_EQ(arrived(enveloped(key, bytes_of(packet))), mark + " opened " + packet) << "hardened";
+        }
+        process_context.hardened = 0;
         for (size_t place = 1; place <= 16; place++) {
             Bytes wrong = bytes_of(shown);
             wrong[place] ^= 0x80;
@@ -301,6 +307,16 @@ TEST_F(Arrivals, ComeThroughASocketAsTheyWereSent) {
                               : packet_readUDP(server.get(), read, sizeof read, nullptr, nullptr),
                       5);
             EXPECT_EQ(std::string(read, 5), "plain");
+            EXPECT_EQ(std::exchange(keyAccepted, 0), 1);
+        }
+        process_context.hardened = 1;
+        Bytes packet = bytes_of("a4" + OWN_KEY + "070809");
+        for (const size_t head : {17, 0}) {  // without its key, and with it
+            const auto length = static_cast<int>(packet.size() - head);
+            EXPECT_EQ(packet_send_encrypted(client.get(), key.data(), &packet[head], length, &to, sizeof to), 0);
+            Bytes read(200);
+            read.resize(static_cast<size_t>(packet_readUDP(server.get(), read.data(), 200, nullptr, nullptr)));
+            EXPECT_EQ(hex_of(read), hex_of(packet));
             EXPECT_EQ(std::exchange(keyAccepted, 0), 1);
         }
         EXPECT_EQ(packet_send_encrypted(client.get(), key.data(), "", 0, &to, sizeof to), PACKETERRMEM);

@@ -23,14 +23,18 @@ std::string packet(int type, const std::string &rest = "") { return std::string(
 /** A server that was started once on an empty folder, and then again with its key file in it. */
 class KeyedServer {
 public:
-    explicit KeyedServer(const std::string &keys, const char *host = "127.0.0.1")
-        : process({.options = {"-ipallow", "127.*"}, .checkKeys = true, .host = host}) {
+    explicit KeyedServer(const std::string &keys, const char *host = "127.0.0.1", Strings options = {})
+        : process({.options = with_all_allowed(std::move(options)), .checkKeys = true, .host = host}) {
         process.sql(
             "CREATE TABLE USERS (ID VARCHAR2(20) PRIMARY KEY, VISITS VARCHAR2(8));"
             "INSERT INTO USERS VALUES ('anna', '0000000f')");
         process.stop();
         process.root().write("etc/access.key", keys);
         process.start();
+    }
+    static Strings with_all_allowed(Strings options) {
+        options.insert(options.end(), {"-ipallow", "127.*"});
+        return options;
     }
     std::string visits() const { return process.value("SELECT VISITS FROM USERS"); }
 
@@ -134,6 +138,18 @@ TEST_F(Keys, ThatAreWrongTurnEnvelopesIntoNoise) {
     }
     EXPECT_EQ(keyed.visits(), "0000000f");
     EXPECT_EQ(cipher_key.opened(cipher_peer.answer(server_key.sealed(request_datagram(7, look)))), found);
+}
+
+TEST(KeysHardened, MustStandInEachEnvelope) {
+    const KeyedServer keyed(line("127.0.0.1", server_key, true) + line(CIPHER_PEER, cipher_key, true), "127.0.0.1",
+                            {"-HARDEN"});
+    TestClient peer(keyed.process.port(), "127.0.0.1", CIPHER_PEER);
+    const std::string request = request_datagram(7, look);
+    for (const std::string &inside : {request, other_key.shown(request)}) {
+        EXPECT_TRUE(peer.stays_silent(server_key.sealed(inside)));
+    }
+    EXPECT_EQ(cipher_key.opened(peer.answer(server_key.sealed(server_key.shown(request)))), cipher_key.shown(found));
+    EXPECT_EQ(cipher_key.opened(peer.answer(server_key.sealed(packet(151)))), cipher_key.shown(packet(152)));
 }
 
 TEST_F(Keys, KeepWhatCameInAnEnvelopeOutOfTheClear) {

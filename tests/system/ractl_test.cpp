@@ -22,20 +22,25 @@ std::string outcome(const Strings &words, const std::string &root = "") {
            std::regex_replace(text.substr(0, text.find('\n')), std::regex("[0-9]+"), "*");
 }
 
-class Tool : public testing::TestWithParam<const char *> {
+struct Server {
+    const char *mark;  // in front of the key
+    Strings options;
+};
+class Tool : public testing::TestWithParam<Server> {
 protected:
     Tool() {
         server.stop();
-        server.root().write("etc/access.key", std::string("127.0.0.1 ") + GetParam() + key + "\n");
+        server.root().write("etc/access.key", std::string("127.0.0.1 ") + GetParam().mark + key + "\n");
         server.start();
     }
-    ServerProcess server{{.checkKeys = true}};
+    ServerProcess server{{.options = GetParam().options, .checkKeys = true}};
     const std::string port = std::to_string(server.port());
     const std::string path = server.root().path();
 
     std::string tool(const std::string &command) const { return outcome({port, command, "--wait", "5"}, path); }
 };
-INSTANTIATE_TEST_SUITE_P(Keys, Tool, testing::Values("", "encrypt "));
+INSTANTIATE_TEST_SUITE_P(Keys, Tool,
+                         testing::Values(Server{"", {}}, Server{"encrypt ", {}}, Server{"encrypt ", {"-HARDEN"}}));
 
 TEST_P(Tool, GivesOrdersUnderTheHostsKey) {
     EXPECT_EQ(tool("ready"), "0 the server at *.*.*.*:* serves requests");
@@ -56,7 +61,7 @@ TEST_P(Tool, GivesOrdersUnderTheHostsKey) {
 
 TEST_P(Tool, TellsThatTheKeyIsWrong) {
     RootFolder stranger;
-    stranger.write("etc/access.key", std::string("127.0.0.1 ") + GetParam() + other_key + "\n");
+    stranger.write("etc/access.key", std::string("127.0.0.1 ") + GetParam().mark + other_key + "\n");
     for (const std::string &root : {stranger.path(), std::string()}) {
         EXPECT_EQ(outcome({port, "stop", "--wait", "1"}, root).substr(0, 35), "1 ractl: the server at *.*.*.*:* li");
         EXPECT_EQ(outcome({port, "ready", "--wait", "1"}, root).substr(0, 35), "1 ractl: the server at *.*.*.*:* li");
