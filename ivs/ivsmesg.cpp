@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "ivs/ivs.h"
+#include "process/linelimit.h"
 #include "process/owned.h"
 #include "process/velproc.h"
 
@@ -34,6 +35,8 @@ constexpr MeasuredType measured_types[] = {
 namespace say {
 void send_failed(int socket) {
     const int error = errno;
+    static LineLimit lines("ivs_sendto failed");
+    if (!lines.passes()) return;
     constexpr char format[] = "ivs_sendto: packet_sendto socket %d failed! errmsg: %s!\n";
     if (error != ECONNREFUSED) {
         process_error(format, socket, strerror(error));

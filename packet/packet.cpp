@@ -13,6 +13,7 @@
 #include "packet/packet.h"
 #include "packet/packeti.h"
 #include "packet/stati.h"
+#include "process/linelimit.h"
 #include "process/owned.h"
 #include "process/velproc.h"
 
@@ -55,6 +56,8 @@ void receive_failed(const char *label, int socket, int result) {
 }
 void send_failed(int socket, const void *address, int result, int length) {
     const KeptErrno error;
+    static LineLimit lines("sendto failed");  // to the address that a stranger chose
+    if (!lines.passes()) return;
     constexpr char format[] = "%s: sendto socket %d %s:%u failed! rc %d, len %d errmsg: %s!\n";
     uint32_t ip = 0;
     uint16_t port_net = 0;

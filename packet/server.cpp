@@ -9,6 +9,7 @@
 
 #include "packet/packet.h"
 #include "packet/packeti.h"
+#include "process/linelimit.h"
 #include "process/owned.h"
 #include "process/velproc.h"
 
@@ -112,7 +113,8 @@ int after_failed_accept(int listen_socket) {
         if (line.passes()) say::accept_failed(process_error, error.value());
         drop_one_connection(listen_socket);
     } else if (has_peer_given_up(error.value())) {
-        say::accept_failed(process_log, error.value());
+        static LineLimit lines("accept error");
+        if (lines.passes()) say::accept_failed(process_log, error.value());
     } else {
         say::accept_failed(process_error, error.value());
         result = PACKETERRACCEPT;

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "process/linelimit.h"
 #include "process/printable.h"
 #include "process/velproc.h"
 #include "raserver/raserveri.h"
@@ -37,9 +38,13 @@ void no_memory(unsigned int size) {
     process_error("%s: malloc %u bytes failed! errmsg %s\n", label, size, strerror(errno));
 }
 void too_large(unsigned int length) {
+    static LineLimit lines("maximum request size exceeded");
+    if (!lines.passes()) return;
     process_log("%s: maximum request size exceeded, %ld bytes\n", label, static_cast<long>(length));
 }
 void strange(const RA_CONN_S &connection) {
+    static LineLimit lines("Strange HTTP request");
+    if (!lines.passes()) return;
     std::string shown(text_of(connection, connection.inputLength));
     for (char &character : shown) {
         if (character < ' ' || character > '~') character = '.';
@@ -50,6 +55,8 @@ std::string shown_header(const RA_CONN_S &connection) {
     return printable(text_of(connection, connection.headerLength - 1));  // without the zero at its end
 }
 void bad_header(const RA_CONN_S &connection) {
+    static LineLimit lines("Post method with bad header");
+    if (!lines.passes()) return;
     process_log("%s: Post method with bad header\n%s\n", label, shown_header(connection).c_str());
 }
 void header(const RA_CONN_S &connection) {

@@ -7,6 +7,7 @@
 
 #include "ivs/ivs.h"
 #include "packet/packet.h"
+#include "process/linelimit.h"
 #include "process/velproc.h"
 #include "raserver/raserveri.h"
 
@@ -103,6 +104,7 @@ extern "C" {
 void raserver_periodic(void *context, struct timeval *now) {
     RA_SERVER_S &server = *static_cast<RA_SERVER_S *>(context);
     server.now = now->tv_sec;
+    LineLimit::report_all(server.now);
     if (server.isServer) raserver_status(&server, now, stderr);
     ra_serve_pending_requests(&server);
     if (server.isServer) {

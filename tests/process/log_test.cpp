@@ -5,6 +5,7 @@
 #include <unistd.h>
 #include <sstream>
 
+#include "process/linelimit.h"
 #include "process/printable.h"
 #include "tests/process/start.h"
 #include "tests/support/clock.h"
@@ -59,6 +60,22 @@ TEST_F(LogPrinters, WriteEachKindOfLineAtOnceWithTheLocalTime) {
         const std::string time = log.substr(log.find(std::string(1, kind) + "2") + 1, before.size());
         EXPECT_TRUE(before <= time && time <= after) << kind << time;
     }
+}
+
+TEST(LineLimits, HoldBackWhatIsTooMuchForASecond) {
+    EXPECT_EQ(
+        outcome([](Child &) {
+            start({"prog", "-VELROOT", "/nowhere"});
+            static LineLimit lines("flood"), others("trickle");
+            int passed = 0;
+            for (int line = 0; line < 1000; line++) passed += lines.passes();
+            for (int line = 0; line < 30; line++) passed += 1000 * (lines.passes_at(50) + others.passes_at(50));
+            LineLimit::report_all(50);  // the second is not over
+            LineLimit::report_all(51);
+            LineLimit::report_all(51);
+            return passed == 41000 && lines.passes_at(51) ? 0 : 1;
+        }),
+        "0 prog: LineLimit: 10 more lines held back: trickle\nprog: LineLimit: 10 more lines held back: flood\n");
 }
 
 TEST_F(LogPrinters, WriteToStandardOutputWithoutALog) {
