@@ -1,7 +1,8 @@
 /* One RA request, from the datagram to the reply: checks, session, replay, strings, hook, answer.
  *
  * Requests never overlap, so all of their data stand in static buffers; the one allocation is the copy of the reply
- * that answers a repeated request. What a request means is the hook's affair. */
+ * that answers a repeated request. Hardened, a session keeps its last eight replies with their requests, so that one
+ * that the network delivers late is still known. What a request means is the hook's affair. */
 #include <arpa/inet.h>
 
 #include <cstdint>
@@ -10,8 +11,10 @@
 
 #include "ivs/ivs.h"
 #include "packet/bytereader.h"
+#include "packet/crypto.h"
 #include "packet/packet.h"
 #include "packet/typecodes.h"
+#include "process/linelimit.h"
 #include "process/velproc.h"
 #include "raserver/raserveri.h"
 
@@ -37,6 +40,7 @@ struct Request {
     uint32_t sequence;  // the client's number, never interpreted
     char *text;
     int text_length;
+    unsigned char digest[PACKET_SHA256_DIGEST];  // of the whole; hardened only
 
     bool is_asynchronous() const { return function == RA_FUNCTION_ASYNC; }
     uint32_t session_id() const { return is_asynchronous() ? sequence : 0; }
@@ -51,33 +55,57 @@ Request read_request(unsigned char *packet, int length) {
     request.sequence = reader.raw32();
     request.text = reinterpret_cast<char *>(packet) + RA_HEADER_SIZE;
     request.text_length = length - RA_HEADER_SIZE;
+    if (process_context.hardened != 0) memcpy(request.digest, packet_sha256(packet, length), sizeof request.digest);
     return request;
 }
 
 bool came_under_a_key() { return process_context.noAccessKeyCheck || keyAccepted; }
 
 void refuse_without_key(const Request &request, const Peer &peer) {
+    static LineLimit lines("raUdpRequest without access key");
+    if (!lines.passes()) return;
     process_log("RA.LOG raUdpRequest %d without access key from %s:%d\n", request.function, packet_ip2str(peer.ip),
                 ntohs(peer.port_net));
 }
 
 // ---- Session --------------------------------------------------------------------------------------------------
 
-bool is_replay(const RA_SESSION_S *session, const Request &request) {
-    return session != nullptr && session->reply != nullptr && session->sequence == request.sequence;
+/** Where a datagram lies, and how long it is. */
+struct Datagram {
+    const unsigned char *bytes;
+    int length;
+};
+
+/** Whether a pair of number and content is that of a request. Hardened, the content counts as well. */
+bool is_same(const Request &request, uint32_t sequence, const unsigned char *digest) {
+    if (sequence != request.sequence) return false;
+    return process_context.hardened == 0 || memcmp(digest, request.digest, sizeof request.digest) == 0;
 }
 
-void answer_again(RA_SERVER_S &server, RA_SESSION_S *session, const Peer &peer) {
+/** The reply that was sent to a request before; null bytes if there is none. */
+Datagram saved_reply(const RA_SESSION_S *session, const Request &request) {
+    if (session == nullptr) return {};
+    if (session->reply != nullptr && is_same(request, session->sequence, session->requestDigest)) {
+        return {session->reply, static_cast<int>(session->savedLength)};
+    }
+    for (const RA_OLDER_REPLY_S *older = session->olderReplies; older != nullptr; older = older->next) {
+        if (is_same(request, older->sequence, older->requestDigest)) {
+            return {older->datagram, static_cast<int>(older->length)};
+        }
+    }
+    return {};
+}
+
+void answer_again(RA_SERVER_S &server, RA_SESSION_S *session, const Datagram &reply, const Peer &peer) {
     ra_session_touch(&server, session);
     server.udpReplays++;
-    packet_sendto(server.udpSocket, session->reply, static_cast<int>(session->headerLength + session->replyLength),
-                  peer.address, peer.address_size);
+    packet_sendto(server.udpSocket, reply.bytes, reply.length, peer.address, peer.address_size);
 }
 
 RA_SESSION_S *session_for_new_request(RA_SERVER_S &server, RA_SESSION_S *session, const Request &request,
                                       const Peer &peer) {
     if (session == nullptr) return raserver_session_create(&server, request.session_id(), peer.ip, peer.port_net);
-    ra_session_drop_reply(&server, session);
+    (process_context.hardened != 0 ? ra_session_age_reply : ra_session_drop_reply)(&server, session);
     return session;
 }
 
@@ -94,12 +122,6 @@ void run_hook(RA_SERVER_S &server, RA_SESSION_S *session, const Request &request
     if (server.onUdpRequest != nullptr) server.onUdpRequest(session, session->argc, session->argv);
     session->argc = 0;
 }
-
-/** Where a datagram lies, and how long it is. */
-struct Datagram {
-    const unsigned char *bytes;
-    int length;
-};
 
 /** The reply as it goes out to a peer: a key that the peer is listed with is shown in front of it if it is one to be
  *  shown, or in each case when hardened, and enciphers the whole. */
@@ -124,6 +146,7 @@ void write_header(RA_SESSION_S *session, const Request &request) {
     header[2] = 0;
     memcpy(header + 3, &request.sequence, sizeof request.sequence);
     session->sequence = request.sequence;
+    memcpy(session->requestDigest, request.digest, sizeof session->requestDigest);
 }
 
 void send_reply(RA_SERVER_S &server, RA_SESSION_S *session, const Request &request, const Peer &peer) {
@@ -165,7 +188,8 @@ void raserver_udp_request(RA_SERVER_S *context, unsigned char *packet, int lengt
     if (request.function != RA_FUNCTION_SYNC && request.function != RA_FUNCTION_ASYNC) return;
 
     RA_SESSION_S *session = raserver_session_find(context, request.session_id(), peer.ip, peer.port_net);
-    if (is_replay(session, request)) return answer_again(*context, session, peer);
+    const Datagram reply = saved_reply(session, request);
+    if (reply.bytes != nullptr) return answer_again(*context, session, reply, peer);
     session = session_for_new_request(*context, session, request, peer);
     if (session == nullptr) return;
 

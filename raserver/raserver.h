@@ -43,6 +43,17 @@ struct RA_SESSION_S {
     /* Of our own, behind the published fields: */
     struct RA_SESSION_S *idlePrevious, *idleNext; /* list of all sessions by use, longest idle first */
     unsigned int savedLength;                     /* bytes of the own copy in reply; 0 while there is none */
+    unsigned char requestDigest[32];              /* of the request answered; hardened only, as is: */
+    struct RA_OLDER_REPLY_S *olderReplies;        /* to the requests before, newest first */
+};
+
+/** A reply that was sent before a session's last one, with the request that it answers. */
+struct RA_OLDER_REPLY_S {
+    struct RA_OLDER_REPLY_S *next;
+    uint32_t sequence;
+    unsigned char requestDigest[32];
+    unsigned char *datagram; /* owned */
+    unsigned int length;
 };
 
 /** A TCP connection: one HTTP request and its answer. Pointers into the input move along when that grows. */

@@ -42,6 +42,11 @@ int ra_session_save_reply(RA_SERVER_S *context, RA_SESSION_S *session, const uns
 /** Frees a session's saved reply, if it has one. */
 void ra_session_drop_reply(RA_SERVER_S *context, RA_SESSION_S *session);
 
+/** Keeps a session's saved reply as the newest of the older ones, of which the oldest goes beyond RA_OLDER_REPLIES. The
+ *  session then has none. */
+enum { RA_OLDER_REPLIES = 7 };
+void ra_session_age_reply(RA_SERVER_S *context, RA_SESSION_S *session);
+
 /** Notes that a session was used now. */
 void ra_session_touch(RA_SERVER_S *context, RA_SESSION_S *session);
 

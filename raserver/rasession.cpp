@@ -116,6 +116,26 @@ void make_room_for_session(RA_SERVER_S &server) {
     }
 }
 
+// ---- Older replies ------------------------------------------------------------------------------------------------
+
+void drop_older(RA_SERVER_S &server, RA_OLDER_REPLY_S *older) {
+    while (older != nullptr) {
+        RA_OLDER_REPLY_S *next = older->next;
+        server.savedReplyBytes -= older->length;
+        free(older->datagram);
+        free(older);
+        older = next;
+    }
+}
+
+// Cuts the list behind so many.
+void keep_newest(RA_SERVER_S &server, RA_SESSION_S &session, int count) {
+    RA_OLDER_REPLY_S **end = &session.olderReplies;
+    for (; *end != nullptr && count > 0; count--) end = &(*end)->next;
+    drop_older(server, *end);
+    *end = nullptr;
+}
+
 // The session that is being served stays, even if its reply alone is more than all may have.
 void make_room_for_replies(RA_SERVER_S &server, const RA_SESSION_S *served) {
     while (server.savedReplyBytes > reply_limit() && server.idleSessions.head != served) drop_longest_idle(server);
@@ -170,6 +190,7 @@ void raserver_session_delete(RA_SERVER_S *context, RA_SESSION_S *session) {
     unlink_from(context->idleSessions, BY_USE, session);
     context->sessionCount--;
     ra_session_drop_reply(context, session);
+    keep_newest(*context, *session, 0);
     free(session);
 }
 
@@ -179,6 +200,24 @@ void ra_session_drop_reply(RA_SERVER_S *context, RA_SESSION_S *session) {
     context->savedReplyBytes -= session->savedLength;
     session->savedLength = 0;
     session->reply = nullptr;
+}
+
+void ra_session_age_reply(RA_SERVER_S *context, RA_SESSION_S *session) {
+    auto *older =
+        session->savedLength == 0
+            ? nullptr
+            : static_cast<RA_OLDER_REPLY_S *>(process_malloc("raserver_udp_request", sizeof(RA_OLDER_REPLY_S)));
+    if (older == nullptr) return ra_session_drop_reply(context, session);
+    *older = {.next = session->olderReplies,
+              .sequence = session->sequence,
+              .requestDigest = {},
+              .datagram = session->reply,
+              .length = session->savedLength};
+    memcpy(older->requestDigest, session->requestDigest, sizeof older->requestDigest);
+    session->olderReplies = older;
+    session->savedLength = 0;
+    session->reply = nullptr;
+    keep_newest(*context, *session, RA_OLDER_REPLIES);
 }
 
 int ra_session_save_reply(RA_SERVER_S *context, RA_SESSION_S *session, const unsigned char *datagram, int length) {

@@ -185,6 +185,25 @@ TEST_F(Core, BoundsTheMemoryOfSavedReplies) {
     EXPECT_EQ(calls, 21) << "the one just served stays, even if it is too large alone";
 }
 
+TEST_F(Core, HardenedRemembersEightRequestsOfAPeer) {
+    process_context.hardened = 1;
+    const auto served = [this](uint32_t sequence, const char *text) {
+        const int before = calls;
+        deliver(1, request_datagram(sequence, {text}));
+        return calls > before;
+    };
+    for (uint32_t sequence = 1; sequence <= 9; ++sequence) EXPECT_TRUE(served(sequence, "a"));
+    for (uint32_t sequence = 9; sequence > 1; --sequence) EXPECT_FALSE(served(sequence, "a")) << sequence;
+    EXPECT_TRUE(served(9, "b")) << "the same number, another content";
+    EXPECT_FALSE(served(9, "a"));
+    EXPECT_FALSE(served(9, "b"));
+    EXPECT_TRUE(served(2, "a")) << "eight are remembered";
+    EXPECT_EQ(ra_server.sessionCount, 1u);
+    EXPECT_EQ(ra_server.udpReplays, 10u);
+    process_context.hardened = 0;
+    EXPECT_FALSE(served(2, "b")) << "by the number alone";
+}
+
 TEST_F(Core, ReportsDroppedSessionsOnceAMinute) {
     ra_limits.sessions = 2;
     process_context.silent = 0;
