@@ -13,6 +13,7 @@
 #include "ivs/ivssrdpi.h"
 #include "ivs/runloop.h"
 #include "packet/bytereader.h"
+#include "process/linelimit.h"
 #include "process/owned.h"
 #include "process/velproc.h"
 
@@ -86,6 +87,26 @@ Order read_order(int socket, volatile int *reread_flag, const void *packet, int 
     return order;
 }
 
+namespace say {
+void illegal(const Order &order) {
+    static LineLimit lines("illegal ADMIN PACKET");
+    if (!lines.passes()) return;
+    process_error("Received illegal ADMIN PACKET from %s:%d\n", order.peer_ip(), order.peer_port());
+}
+void no_key(const Order &order) {
+    static LineLimit lines("ADMIN request without access key");
+    if (!lines.passes()) return;
+    process_log("ADMIN: Received request %d without access key from %s:%d\n", order.action, order.peer_ip(),
+                order.peer_port());
+}
+void strange(const Order &order) {
+    static LineLimit lines("strange IVS_ADMIN_CODE");
+    if (!lines.passes()) return;
+    process_log("Received strange IVS_ADMIN_CODE from %s:%d action %d\n", order.peer_ip(), order.peer_port(),
+                order.action);
+}
+}  // namespace say
+
 bool is_loopback(const Order &order) { return strcmp(order.peer_ip(), "127.0.0.1") == 0; }
 bool is_from_this_host(const Order &order) { return order.ip == ivs_local_ip || is_loopback(order); }
 
@@ -93,6 +114,8 @@ bool is_from_this_host(const Order &order) { return order.ip == ivs_local_ip || 
 bool is_from_our_socket(const Order &order) {
     return order.port_net == ivs_local_port && ivs_local_port != 0 && is_from_this_host(order);
 }
+
+bool may_answer(const Order &order) { return !is_from_our_socket(order) && ivs_may_answer(order.ip) != 0; }
 
 /** Readies the answer's key, if what came in an envelope is to go back. Returns false if there is none: then nothing of
  *  the packet may be shown. */
@@ -104,14 +127,14 @@ bool may_show_packet(const Order &order) {
 }
 
 void refuse(const Order &order, int reason) {
-    if (is_from_our_socket(order)) return;
+    if (!may_answer(order)) return;
     const int shown = may_show_packet(order) ? order.length : 0;
     ivs_snd_cofa(order.socket, reason, order.packet, shown, order.peer, order.peer_size);
 }
 
 /** The packet goes back as it is: it was understood. */
 void acknowledge(const Order &order) {
-    if (is_from_our_socket(order)) return;
+    if (!may_answer(order)) return;
     const int shown = may_show_packet(order) ? order.length : 1;
     ivs_sendto(order.socket, order.packet, shown, order.peer, order.peer_size);
 }
@@ -175,8 +198,7 @@ void obey(const Order &order) {
                     action.addition);
         return action.obey(order);
     }
-    process_log("Received strange IVS_ADMIN_CODE from %s:%d action %d\n", order.peer_ip(), order.peer_port(),
-                order.action);
+    say::strange(order);
     refuse(order, IVS_COFA_BADD);
 }
 
@@ -187,12 +209,11 @@ void ivs_admin_packet(int socket, volatile int *rereadFlag, const void *packet, 
     if (ByteReader(packet, length).u8() != IVS_TYPE_ADMN) return;
     const Order order = read_order(socket, rereadFlag, packet, length, peer, peerSize);
     if (!is_from_this_host(order)) {
-        process_error("Received illegal ADMIN PACKET from %s:%d\n", order.peer_ip(), order.peer_port());
+        say::illegal(order);
         return refuse(order, IVS_COFA_AUTH);
     }
     if (!process_context.noAccessKeyCheck && !keyAccepted) {  // not a word to the sender: it learns nothing
-        process_log("ADMIN: Received request %d without access key from %s:%d\n", order.action, order.peer_ip(),
-                    order.peer_port());
+        say::no_key(order);
         return;
     }
     obey(order);

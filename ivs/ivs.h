@@ -341,6 +341,10 @@ int ivsIpCheckInit(int argc, char **argv);
 /** Returns 1 if the address, network order, may be served, else 0: already in the log. */
 int ivsIpCheck(uint32_t ip);
 
+/** Returns 1 if an address, network order, may get an answer of any kind: 0 is for the hardened process alone, which
+ *  keeps silent towards an address that it doesn't serve. */
+int ivs_may_answer(uint32_t ip);
+
 /* ---- A map of addresses and ports --------------------------------------------------------------------------------- */
 
 /** One side of a mapping. Lives as long as the process. */

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "ivs/ivs.h"
+#include "process/linelimit.h"
 #include "process/owned.h"
 #include "process/velproc.h"
 
@@ -34,10 +35,12 @@ void unrestricted() { process_log("IP.LOG: Access not restricted from any IP add
 void allows(const char *text) { process_log("IP.LOG: Access allowed from \"%s\"\n", text); }
 void denies(const char *text) { process_log("IP.LOG: Access denied from \"%s\"\n", text); }
 void not_allowed(const char *ip) {
-    process_log("IP.LOG: Request from IP address \"%s\" not allowed by configuration.\n", ip);
+    static LineLimit lines("Request from IP address not allowed");
+    if (lines.passes()) process_log("IP.LOG: Request from IP address \"%s\" not allowed by configuration.\n", ip);
 }
 void is_denied(const char *ip) {
-    process_log("IP.LOG: Request from IP address \"%s\" denied by configuration.\n", ip);
+    static LineLimit lines("Request from IP address denied");
+    if (lines.passes()) process_log("IP.LOG: Request from IP address \"%s\" denied by configuration.\n", ip);
 }
 }  // namespace say
 
@@ -179,3 +182,5 @@ int ivsIpCheck(uint32_t ip) {
     }
     return 1;
 }
+
+int ivs_may_answer(uint32_t ip) { return process_context.hardened == 0 || ivsIpCheck(ip) != 0; }

@@ -1,7 +1,8 @@
 /* Datagrams by their first byte: requests, answers to our own requests, refusals, pings.
  *
  * This is the packet function of the run loop. An RA request itself is served in rarequest.cpp. No answer goes to a
- * datagram that claims to come from our own socket: it would come back as the next datagram, for ever. */
+ * datagram that claims to come from our own socket: it would come back as the next datagram, for ever.
+ * Hardened, none goes to an address that may not ask, either. */
 #include <arpa/inet.h>
 #include <ifaddrs.h>
 #include <netinet/in.h>
@@ -15,6 +16,7 @@
 #include "packet/bytereader.h"
 #include "packet/packet.h"
 #include "packet/typecodes.h"
+#include "process/linelimit.h"
 #include "process/velproc.h"
 #include "raserver/raserveri.h"
 
@@ -39,7 +41,7 @@ Datagram datagram_from(unsigned char *bytes, int length, void *address, int addr
 }
 
 bool may_answer(const RA_SERVER_S &server, const Datagram &datagram) {
-    return !ra_is_own_address(&server, datagram.ip, datagram.port_net);
+    return !ra_is_own_address(&server, datagram.ip, datagram.port_net) && ivs_may_answer(datagram.ip) != 0;
 }
 
 /** What came in an envelope does not go back in clear. Makes the peer's key pending, under which the next packet is
@@ -73,6 +75,8 @@ void note_refusal(RA_SERVER_S &, const Datagram &datagram) {
     reader.u8();  // type
     const int reason = reader.u8();
     const int code = reader.u8();
+    static LineLimit lines("Command Failed Packet");
+    if (!lines.passes()) return;
     process_log("ra_reply: Command Failed Packet from %s:%d Reason %d Code %d\n", datagram.peer_ip(),
                 datagram.peer_port(), reason, code);
 }
@@ -96,28 +100,37 @@ void take_acknowledgement(RA_SERVER_S &, const Datagram &datagram) {
 void ignore(RA_SERVER_S &, const Datagram &) {}
 
 void refuse_unknown(RA_SERVER_S &server, const Datagram &datagram) {
-    process_log("ra_reply: Illegal packet from %s:%d, code %u\n", datagram.peer_ip(), datagram.peer_port(),
-                static_cast<unsigned>(datagram.bytes[0]));
+    static LineLimit lines("Illegal packet");
+    if (lines.passes()) {
+        process_log("ra_reply: Illegal packet from %s:%d, code %u\n", datagram.peer_ip(), datagram.peer_port(),
+                    static_cast<unsigned>(datagram.bytes[0]));
+    }
     server.unknownPackets++;
     send_refusal(server, datagram);
 }
 
 void refuse_empty(RA_SERVER_S &server, const Datagram &datagram) {
+    static LineLimit lines("Packet of lenth 0");
     // "lenth" is how log readers know this line.
-    process_error("ra_reply: Packet of lenth 0 from %s:%d\n", datagram.peer_ip(), datagram.peer_port());
+    if (lines.passes()) {
+        process_error("ra_reply: Packet of lenth 0 from %s:%d\n", datagram.peer_ip(), datagram.peer_port());
+    }
     server.zeroPackets++;
     send_refusal(server, datagram);
 }
 
 void refuse_empty_inside(RA_SERVER_S &server, const Datagram &datagram) {
-    process_error("ra_reply: Packet of length 0 from %s:%d\n", datagram.peer_ip(), datagram.peer_port());
+    static LineLimit lines("Packet of length 0");
+    if (lines.passes()) {
+        process_error("ra_reply: Packet of length 0 from %s:%d\n", datagram.peer_ip(), datagram.peer_port());
+    }
     server.zeroPackets++;
     send_refusal(server, datagram);
 }
 
 /** The packet in a reliable datagram, at its first copy only. One head comes off: one inside is no packet of ours. */
 bool unwrap_reliable(RA_SERVER_S &server, Datagram &datagram) {
-    if (!may_answer(server, datagram)) return false;  // each copy would be acknowledged
+    if (!may_answer(server, datagram)) return false;  // each copy would be acknowledged, and remembered
     if (ivs_srdp_packet(server.udpSocket, server.now, datagram.bytes, datagram.length, datagram.address,
                         datagram.address_size) == 0) {
         return false;

@@ -2,6 +2,7 @@
  * what it answers matters here only as something to be repeated or to be too long. */
 #include <gtest/gtest.h>
 
+#include "process/linelimit.h"
 #include "tests/support/serverprocess.h"
 
 namespace {
@@ -182,6 +183,24 @@ TEST(RequestsOfStrangers, GetALineAndNoReply) {
     EXPECT_EQ(log.count("RA.LOG raUdpRequest 4 without access key from 127.0.0.1:"), 1);
     EXPECT_EQ(log.count("IP.LOG: Request from IP address \"127.0.0.2\" not allowed by configuration.\n"), 2);
     EXPECT_EQ(log.count("\n"), 4) << log.text();
+}
+
+TEST(RequestsOfStrangers, HardenedGetNoAnswerOfAnyKind) {
+    const ServerProcess server{{.options = {"-HARDEN"}}};
+    TestClient foreign{server.port(), "127.0.0.1", "127.0.0.2"}, friendly{server.port()};
+    const LogWatch log = server.watch();
+    for (const std::string &datagram : {packet(151), packet(63), std::string(), packet(13, "\1\2\3"), packet(132),
+                                        packet(13, "\1\2\3" + packet(151))}) {
+        foreign.send(datagram);
+        EXPECT_FALSE(friendly.stays_silent(datagram)) << testing::PrintToString(datagram);
+    }
+    EXPECT_TRUE(friendly.is_served());
+    EXPECT_FALSE(foreign.receive(std::chrono::milliseconds(0)));
+    while (!log.saw(" more lines held back: Request from IP address not allowed\n")) {
+        for (int count = 0; count < 100; ++count) foreign.send(packet(151));
+        ASSERT_TRUE(friendly.is_served());
+    }
+    EXPECT_GE(log.count(" not allowed by configuration.\n"), LineLimit::LINES_A_SECOND);
 }
 
 }  // namespace
