@@ -66,6 +66,7 @@ constexpr char HELP[] =
     "  -VELROOT DIR      root directory, where the access key of this host is found in\n"
     "                    etc/access.key; else the environment variable VELROOT names it\n"
     "  -BINDIP ADDRESS   address that the server is bound to, if it is not found by itself\n"
+    "  -HARDEN           for a hardened server whose key says encrypt; so does VELHARDEN=1\n"
     "  --wait SECONDS    how long to wait for an answer, 1 to 86400; default 5\n"
     "  -c COUNT          how many pings, 0 for until Ctrl-C\n"
     "  -h, --help        prints this text\n"
@@ -461,12 +462,11 @@ bool is_number(std::string_view text) {
 }
 
 Arguments read_arguments(int argc, char **argv) {
-    enum { ROOT = 256, BIND };
-    static const option long_options[] = {{"help", no_argument, nullptr, 'h'},
-                                          {"wait", required_argument, nullptr, 'w'},
-                                          {"VELROOT", required_argument, nullptr, ROOT},
-                                          {"BINDIP", required_argument, nullptr, BIND},
-                                          {nullptr, 0, nullptr, 0}};
+    enum { ROOT = 256, BIND, HARDEN };
+    static const option long_options[] = {
+        {"help", no_argument, nullptr, 'h'},           {"wait", required_argument, nullptr, 'w'},
+        {"VELROOT", required_argument, nullptr, ROOT}, {"BINDIP", required_argument, nullptr, BIND},
+        {"HARDEN", no_argument, nullptr, HARDEN},      {nullptr, 0, nullptr, 0}};
     Arguments given;
     opterr = 0;
     int code = 0;
@@ -487,6 +487,9 @@ Arguments read_arguments(int argc, char **argv) {
             case BIND:
                 process_context.bindIp = optarg;
                 break;
+            case HARDEN:
+                process_context.hardened = 1;
+                break;
             case ':':
                 wrong_usage("option %s needs a value", argv[optind - 1]);
             default:
@@ -504,8 +507,7 @@ Arguments read_arguments(int argc, char **argv) {
     return given;
 }
 
-/** What process_init would have set. Envelopes show the key, which only a hardened server wants. Ctrl-C ends a wait, and
- *  ping still prints its summary. */
+/** What process_init would have set. Ctrl-C ends a wait, and ping still prints its summary. */
 void become_a_process() {
     static char name[] = "ractl";
     process_context.name = name;
@@ -513,7 +515,7 @@ void become_a_process() {
     process_context.rootDir = root != nullptr && *root != 0 ? root : nullptr;
     process_context.running = 1;
     process_context.silent = 1;
-    process_context.hardened = 1;
+    process_harden_by_environment();
     const auto stop = [](int) { process_context.running = 0; };
     process_signal(SIGINT, stop);
     process_signal(SIGTERM, stop);

@@ -217,13 +217,13 @@ protected:
     const std::string keys = line("127.0.0.1", cipher_key, std::get<0>(GetParam())) +
                              line("127.0.0.2", server_key, std::get<1>(GetParam()));
     KeyedServer keyed{keys, "127.0.0.2"};
-    const std::string port = std::to_string(keyed.process.port());
 
-    ProgramEnd raclient(const Strings &words, const char *option = "--") const {
-        Strings command{"raclient", option, "127.0.0.2", port};
+    static ProgramEnd ask(const KeyedServer &server, const Strings &words, const char *option) {
+        Strings command{"raclient", option, "127.0.0.2", std::to_string(server.process.port())};
         command.insert(command.end(), words.begin(), words.end());
-        return run_program(command, {"VELROOT=" + keyed.process.root().path()});
+        return run_program(command, {"VELROOT=" + server.process.root().path()});
     }
+    ProgramEnd raclient(const Strings &words) const { return ask(keyed, words, "--"); }
 };
 
 TEST_P(KeysOfBothSides, ServeTheCommand) {
@@ -234,10 +234,12 @@ TEST_P(KeysOfBothSides, ServeTheCommand) {
 }
 
 TEST_P(KeysOfBothSides, ServeAHardenedClient) {
-    EXPECT_EQ(raclient(look, "-HARDEN").output, "0\n0000000f\n");
+    const KeyedServer hardened(keys, "127.0.0.2", {"-HARDEN"});
+    const auto raclient = [&](const Strings &words) { return ask(hardened, words, "-HARDEN"); };
+    EXPECT_EQ(raclient(look).output, "0\n0000000f\n");
     const std::string most(31991, 'x');  // and a zero byte
-    EXPECT_EQ(raclient({most}, "-HARDEN").errors, "raclient: Request denied by server.\n");
-    EXPECT_EQ(raclient({most, ""}, "-HARDEN").errors, "raclient: Arguments to long: More than 31992 bytes!\n");
+    EXPECT_EQ(raclient({most}).errors, "raclient: Request denied by server.\n");
+    EXPECT_EQ(raclient({most, ""}).errors, "raclient: Arguments to long: More than 31992 bytes!\n");
 }
 
 TEST_P(KeysOfBothSides, ServeTheBlockingCall) {

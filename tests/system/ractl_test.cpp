@@ -37,7 +37,11 @@ protected:
     const std::string port = std::to_string(server.port());
     const std::string path = server.root().path();
 
-    std::string tool(const std::string &command) const { return outcome({port, command, "--wait", "5"}, path); }
+    std::string tool(const std::string &command) const {
+        Strings words = GetParam().options;
+        words.insert(words.end(), {port, command, "--wait", "5"});
+        return outcome(words, path);
+    }
 };
 INSTANTIATE_TEST_SUITE_P(Keys, Tool,
                          testing::Values(Server{"", {}}, Server{"encrypt ", {}}, Server{"encrypt ", {"-HARDEN"}}));
