@@ -189,7 +189,7 @@ int insert(PAA_S *table, Key key, Value value) {
         table->buckets = static_cast<PAA_ENTRY_S **>(calloc(bucket_count(table), sizeof(PAA_ENTRY_S *)));
         if (table->buckets == nullptr) return refuse(PAAERRNOMEM);
     }
-    const Place place = find_place(table, key);
+    const Place place = find_place(table, key, Purpose::INSERTION);
     if (place.found) return refuse(PAAERREXISTS);
 
     PAA_ENTRY_S *entry = make_entry(table, key, value);

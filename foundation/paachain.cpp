@@ -5,6 +5,7 @@
  * index (paaindex.cpp); the list stays as it is beside it. */
 #include <endian.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
@@ -37,6 +38,13 @@ uint32_t hash(Key key) {
     return sum;
 }
 
+/** Has the system map the memory of a bucket for writing. A large array is mapped page by page as it is used, and a page
+ *  that is read before it is written to costs two faults. */
+void make_writable(PAA_ENTRY_S *&bucket) {
+    PAA_ENTRY_S *none = nullptr;
+    std::atomic_ref(bucket).compare_exchange_strong(none, nullptr, std::memory_order_relaxed);
+}
+
 PAA_INDEX_S *index_of(const PAA_S *table, uint32_t bucket) {
     return table->indexes != nullptr ? table->indexes[bucket] : nullptr;
 }
@@ -59,9 +67,10 @@ void drop_index(PAA_S *table, uint32_t bucket) {
 
 uint32_t bucket_count(const PAA_S *table) { return (table->flags & PAAFLAGLARGE) != 0 ? BUCKETS_LARGE : BUCKETS; }
 
-Place find_place(PAA_S *table, Key key) {
+Place find_place(PAA_S *table, Key key, Purpose purpose) {
     const bool is_large = (table->flags & PAAFLAGLARGE) != 0;
     const uint32_t bucket = is_large ? hash<BUCKETS_LARGE>(key) : hash<BUCKETS>(key);
+    if (is_large && purpose == Purpose::INSERTION) make_writable(table->buckets[bucket]);
     const PAA_INDEX_S *index = index_of(table, bucket);
     Place place{bucket, nullptr, table->buckets[bucket], false, {}};
     for (int steps = 0; place.at != nullptr && index == nullptr; ++steps) {

@@ -48,8 +48,10 @@ void *hand_out(void *bytes, uint32_t length, int *target);
 
 uint32_t bucket_count(const PAA_S *table);
 
+enum class Purpose { LOOK_UP, INSERTION };
+
 /** Finds the place of a key. The table must have its buckets. A Place is good until the table changes. */
-Place find_place(PAA_S *table, Key key);
+Place find_place(PAA_S *table, Key key, Purpose purpose = Purpose::LOOK_UP);
 
 /** Puts an entry in at the place that was just found for its key. */
 void link_into_chain(PAA_S *table, const Place &place, PAA_ENTRY_S *entry);
