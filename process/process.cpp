@@ -1,8 +1,6 @@
-/* Start and end of a process of the platform, step by step; and how it gives up root rights. Options, log file,
- * daemon, instance slot and signals stand in files of their own. */
+/* Start and end of a process of the platform, step by step. Options, log file, daemon, instance slot, signals and the
+ * giving up of root rights stand in files of their own. */
 #include <errno.h>
-#include <grp.h>
-#include <pwd.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/time.h>
@@ -84,62 +82,6 @@ void log_start() {
     if (process_context.trace) process_trace("STARTED tracing at %s", started.text);
 }
 
-/** Whom the process is to run as; 0 means no change. */
-struct Identity {
-    uid_t user = 0;
-    gid_t group = 0;
-    bool is_known = true;  // what was asked for was found
-};
-
-Identity wanted_identity() {
-    Identity wanted;
-    if (process_context.userName != nullptr) {
-        const struct passwd *entry = getpwnam(process_context.userName);
-        wanted.is_known = entry != nullptr;
-        if (entry != nullptr) wanted = {entry->pw_uid, entry->pw_gid, true};
-    }
-    if (process_context.groupName != nullptr) {
-        const struct group *entry = getgrnam(process_context.groupName);
-        if (entry != nullptr) wanted.group = entry->gr_gid;
-        // With a known user the rights of root go all the same, and its own group serves.
-        if (entry == nullptr && wanted.user == 0) wanted.is_known = false;
-    }
-    return wanted;
-}
-
-/** The log and the status file go over to the user. One that stays root's is still written through its descriptor:
- *  no reason to stop. */
-void hand_over_files(const Identity &owner) {
-    const gid_t group = owner.group != 0 ? owner.group : static_cast<gid_t>(-1);
-    const int files[] = {process_context.lockFd, process_context.logToFile ? STDERR_FILENO : -1};
-    for (const int fd : files) {
-        [[maybe_unused]] const int ignored = fd >= 0 ? fchown(fd, owner.user, group) : 0;
-    }
-}
-
-[[noreturn]] void end_with_rights_kept(const char *what) {
-    process_error("process_set_user: %s failed! errmsg: %s!\n", what, strerror(errno));
-    process_exit(-1);
-}
-
-void change_group(gid_t group) {
-    if (process_context.groupName != nullptr) {
-        process_log("Running as group %d %s\n", static_cast<int>(group), process_context.groupName);
-    } else {
-        process_log("Running as group %d\n", static_cast<int>(group));
-    }
-    if (setgid(group) != 0 || getegid() != group) end_with_rights_kept("setgid");
-}
-
-void change_user(uid_t user) {
-    process_log("Running as user %d %s\n", static_cast<int>(user), process_context.userName);
-    if (setuid(user) != 0) end_with_rights_kept("setuid");
-    if (setuid(0) == 0) {  // the way back must be closed
-        errno = EPERM;
-        end_with_rights_kept("setuid");
-    }
-}
-
 }  // namespace
 
 int process_init(int *argc, char **argv, int daemonFlag, int logFlag, int maxProcesses) {
@@ -177,21 +119,6 @@ void process_harden_by_environment(void) {
         return value != nullptr && strcmp(value, "1") == 0;
     }();
     if (is_wanted) process_context.hardened = 1;
-}
-
-void process_set_user(void) {
-    if (getuid() != 0) return;
-
-    const Identity wanted = wanted_identity();
-    if (!wanted.is_known) {
-        errno = ENOENT;
-        end_with_rights_kept("look-up of user or group");
-    }
-    if (wanted.user != 0) hand_over_files(wanted);
-    const bool changes = wanted.user != 0 || wanted.group != 0;
-    if (changes && setgroups(0, nullptr) != 0) end_with_rights_kept("setgroups");
-    if (wanted.group != 0) change_group(wanted.group);
-    if (wanted.user != 0) change_user(wanted.user);
 }
 
 void process_exit(int code) {
