@@ -39,8 +39,10 @@ int ghSaveToHash(PAA_S *table, const char *key, const char *value, int protect) 
 }
 
 int ghSaveForReplace(const char *key, const char *value, int protect) {
-    ghDebug("%s: pkey=\"%s\" pvalue=\"%s\".\n", "ghSaveForReplace", genhtml::DebugText(key).get(),
-            genhtml::DebugText(value).get());
+    if (genhtml::may_debug()) {
+        ghDebug("%s: pkey=\"%s\" pvalue=\"%s\".\n", "ghSaveForReplace", genhtml::DebugText(key).get(),
+                genhtml::DebugText(value).get());
+    }
     return checked(ghsSaveForReplace(key, value, protect));
 }
 

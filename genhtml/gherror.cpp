@@ -131,7 +131,7 @@ void log_error(const std::string &text) {
     const LogRecord record(open_log("./logs/gherror.log"));
     if (!record) return;
     const OwnUrl url;
-    fprintf(record.stream(), "Script %s%s: \n", url.slash, url.rest);
+    fprintf(record.stream(), "Script %s%s: \n", url.slash, printable(url.rest).c_str());
     fprintf(record.stream(), "%s\n", text.c_str());
     for (const char *name : told) {
         const char *value = getenv(name);
@@ -174,6 +174,8 @@ void genhtml::decide_debug(bool &is_first_use) {
     struct stat status {};
     debug_on = stat("./ghdebug", &status) == 0;
 }
+
+bool genhtml::may_debug() { return debug_on || process_context.trace; }
 
 void genhtml::append_to_debug_file(const char *format, va_list arguments) {
     if (!has_debug_file() || has_two_dots_anywhere(debug_file)) return;

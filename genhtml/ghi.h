@@ -38,6 +38,9 @@ auto or_fail(const char *label, Work work) {
 /** At the first use of one of the paths to the debug file, looks whether debug output is wanted at all. */
 void decide_debug(bool &is_first_use);
 
+/** False if debug lines go nowhere: callers that write one for each variable ask first. */
+bool may_debug();
+
 /** Appends to the debug file, if there is to be one; what can't be written is lost without a word. */
 void append_to_debug_file(const char *format, va_list arguments) PROCESS_PRINTF(1, 0);
 void append_to_debug_file(const char *format, ...) PROCESS_PRINTF(1, 2);

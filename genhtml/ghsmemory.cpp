@@ -51,8 +51,8 @@ void genhtml::clear_error(std::string_view label) {
     static constexpr char ending[] = ": Ok.\n";
     const size_t length = std::min(label.size(), sizeof ghsErrMsg - sizeof ending);
     ghsErrno = 0;
-    memcpy(ghsErrMsg, label.data(), length);
-    memcpy(ghsErrMsg + length, ending, sizeof ending);
+    char *end = std::copy_n(label.data(), length, ghsErrMsg);  // memcpy would become a slow "rep movs" here
+    memcpy(end, ending, sizeof ending);
 }
 
 void genhtml::set_error(int code, const char *label, const char *name) {
