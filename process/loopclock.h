@@ -22,7 +22,8 @@ public:
         take();
         const int64_t moved = offset() - offset_;
         offset_ += moved;
-        return llabs(moved) > LARGEST_DRIFT ? static_cast<time_t>(moved / SECOND) : 0;
+        if (llabs(moved) <= LARGEST_DRIFT) return 0;
+        return static_cast<time_t>((moved + (moved > 0 ? SECOND : -SECOND) / 2) / SECOND);  // to the nearest second
     }
 
     /** The wall clock's time, as last taken. */
