@@ -169,7 +169,7 @@ TEST_F(AsyncClient, RefusesWhatItCantSend) {
     EXPECT_STREQ(raclient_errmsg(client), "");
 
     RA_REQUEST_S *sent = client->pending.head;
-    EXPECT_GE(static_cast<int32_t>(sent->sequence), 1) << "drawn with a lent socket, too";
+    EXPECT_GT(static_cast<int32_t>(sent->sequence), 9) << "drawn with a lent socket, too";
     RA_CLIENT_S *other = raClientAdd("127.0.0.1", 9, 3, 5);
     raclient_request_delete(other, sent);
     EXPECT_EQ(client->pending.head, sent) << "not the other's to delete";
