@@ -225,6 +225,9 @@ TEST_F(Connections, EndWhenThePeerResetsInTheMiddleOfItsAnswer) {
     OwnedFd client = sent("GET /x\n\n");
     const RA_CONN_S *const &connection = ra_server.connections.head;
     EXPECT_TRUE(turn_until([&] { return connection != nullptr && connection->outputSent > 0; }));
+    EXPECT_EQ(packet_sendTCP(client.get(), "more", 4), 4);
+    for (int more = 0; more < 3; more++) turn();
+    EXPECT_EQ(connection->inputLength, 8U) << "no more is read";
     client.reset();  // with bytes unread: a reset
     EXPECT_TRUE(turn_until([] { return ra_server.connCount == 0; }));
     signal(SIGPIPE, SIG_DFL);
@@ -264,6 +267,10 @@ TEST_F(Connections, AreCountedByTheSecond) {
               << sum.out.low;
         EXPECT_EQ(shown.str(), expected) << seconds;
     }
+    ra_conn_count(now + 99, 0x3fffffff, 0);
+    ra_server.now = now + 100;
+    EXPECT_EQ(raConnStats(1)->in.low, 0x3fffffffU) << "the most that a low word holds";
+    ra_server.now = now;
     process_context.silent = 0;
     EXPECT_EQ(told([] { raConnLogStats("RA"); }), "test: RA.CO last minute C 4 I 115 O 221\n");
 }
