@@ -23,6 +23,7 @@ std::string outcome(const Strings &words, const std::string &root = "") {
 }
 
 struct Server {
+    const char *name;
     const char *mark;  // in front of the key
     Strings options;
 };
@@ -44,7 +45,9 @@ protected:
     }
 };
 INSTANTIATE_TEST_SUITE_P(Keys, Tool,
-                         testing::Values(Server{"", {}}, Server{"encrypt ", {}}, Server{"encrypt ", {"-HARDEN"}}));
+                         testing::Values(Server{"Shown", "", {}}, Server{"Encrypting", "encrypt ", {}},
+                                         Server{"Hardened", "encrypt ", {"-HARDEN"}}),
+                         [](const auto &server) { return server.param.name; });
 
 TEST_P(Tool, GivesOrdersUnderTheHostsKey) {
     EXPECT_EQ(tool("ready"), "0 the server at *.*.*.*:* serves requests");
