@@ -29,10 +29,10 @@ const std::map<std::string, Names> libraries = {
 const Names programs = {"tools", "examples", "tests", "bench", "fuzz"};  // may include any library
 
 const Names publicHeaders = {
-    "process/velproc.h", "process/owned.h",     "process/printable.h", "process/loopclock.h", "process/linelimit.h",
-    "foundation/paa.h",  "foundation/config.h", "packet/packet.h",     "packet/typecodes.h",  "packet/bytereader.h",
-    "ivs/ivs.h",         "ivs/runloop.h",       "raserver/raextern.h", "raserver/raserver.h", "oci/oci.h",
-    "gateway/vloci.h",   "genhtml/genhtml.h",   "genhtml/chfilel.h",
+    "process/velproc.h",   "process/owned.h",     "process/printable.h", "process/loopclock.h", "process/linelimit.h",
+    "foundation/paa.h",    "foundation/config.h", "packet/packet.h",     "packet/crypto.h",     "packet/typecodes.h",
+    "packet/bytereader.h", "ivs/ivs.h",           "ivs/runloop.h",       "raserver/raextern.h", "raserver/raserver.h",
+    "oci/oci.h",           "gateway/vloci.h",     "genhtml/genhtml.h",   "genhtml/chfilel.h",
 };
 
 struct Include {
