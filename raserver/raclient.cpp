@@ -178,11 +178,12 @@ int ra::build_request(RA_CLIENT_S *client, const Draft &draft, int argc, char **
     int flags = PACKETKEYNONE;
     const unsigned char *key = packet_accesskey_by_ip(client->ip, &flags);
     // Hardened, the prefix is in every envelope: by it a hardened server tells a request from noise.
-    const bool is_hardened = key != nullptr && process_context.hardened != 0;
-    const int limit = is_hardened ? MAX_ENCIPHERED_TEXT : int{RA_MAX_REQUEST_TEXT};
+    const bool is_hardened = process_context.hardened != 0;
+    const bool has_prefix = key != nullptr && (is_hardened || (flags & PACKETKEYCLEAR) != 0);
+    const int limit = has_prefix && is_hardened ? MAX_ENCIPHERED_TEXT : int{RA_MAX_REQUEST_TEXT};
 
     ByteWriter datagram(draft.bytes, draft.size);
-    if (is_hardened || (flags & PACKETKEYCLEAR) != 0) datagram.u8(IVS_TYPE_ACCK).bytes(key, IVS_KEY_SIZE);
+    if (has_prefix) datagram.u8(IVS_TYPE_ACCK).bytes(key, IVS_KEY_SIZE);
     datagram.u8(IVS_TYPE_RAUP).u8(static_cast<unsigned>(draft.function)).u8(0).raw32(draft.sequence);
     if (!write_strings(datagram, limit, argc, argv)) return say::too_long(client, limit);
     return key != nullptr ? encipher(key, draft, datagram.length()) : datagram.length();

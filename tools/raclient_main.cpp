@@ -276,8 +276,9 @@ void hint_at_keys(const RA_CLIENT_S *client) {
             "It was sent under the key of %s in %s. Is that the server's key, does a server run there, and does "
             "it serve this host? Its log tells.",
             server.c_str(), file);
-        if (process_context.hardened == 0) return;
-        return tell("Hardened, only an answer under a key counts: has the server a key for this host?");
+        if (process_context.hardened == 0) return tell("A hardened server may want -HARDEN.");
+        return tell(
+            "Hardened, only an answer under a key counts: has the server one for this host, and is it hardened?");
     }
     std::string reason = std::string(file) + " has none for " + server;
     if (packet_accesskey_file == nullptr && root == nullptr) {
