@@ -143,14 +143,16 @@ struct Condition {
 
 /** Expects one page of all conditions, in which each tells its number and what it is. */
 void expect_conditions(const Pairs &variables, const std::vector<Condition> &conditions, bool in_loop) {
-    Page page{.variables = variables};
+    std::ostringstream text, expected;
     for (size_t i = 0; i < conditions.size(); ++i) {
         const Condition &row = conditions[i];
-        const std::string name = " variable=\"" + row.variable + "\"", line = std::to_string(i) + ": ";
-        page.text += "<!-- #" + row.kind + name + row.behind + "\n" + line + "true\n<!-- #else" + name + " -->\n" +
-                     line + "false\n<!-- #endif" + name + " -->\n";
-        page.expected += line + ((in_loop ? row.is_true_in_loop : row.is_true) ? "true\n" : "false\n");
+        const std::string name = " variable=\"" + row.variable + "\"";
+        text << "<!-- #" << row.kind << name << row.behind << "\n"
+             << i << ": true\n<!-- #else" << name << " -->\n"
+             << i << ": false\n<!-- #endif" << name << " -->\n";
+        expected << i << ((in_loop ? row.is_true_in_loop : row.is_true) ? ": true\n" : ": false\n");
     }
+    Page page{text.str(), expected.str(), variables};
     if (in_loop) page = as_loop(page);
     EXPECT_EQ(printed(page), page.expected) << (in_loop ? "in a loop" : "");
     EXPECT_EQ(printed(narrow(page)), page.expected) << (in_loop ? "in a loop, " : "") << "without blanks";
@@ -213,7 +215,8 @@ TEST(Conditions, CompareNumbersOrTexts) {
             if (right == "''") right.clear();
             variables.insert(variables.end(), {{number + "l", left}, {number + "r", right}});
             for (const std::string &shown : {" value=\"" + right, " variable=\"" + number + "r"}) {
-                const std::string behind = " " + operation + shown + "\" -->";
+                std::string behind = " ";
+                behind.append(operation).append(shown).append("\" -->");
                 conditions.push_back({is_true, is_true_in_loop, "if", number + "l", behind});
             }
         }
