@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -94,13 +95,13 @@ void compete(std::vector<Contender> contenders, int rounds) {
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc < 2 || argc > 3) fail("usage: pages DIRECTORY [ROUNDS], in the directory of pages.html");
-    const std::string directory = argv[1];
-    const int rounds = argc == 3 ? atoi(argv[2]) : 100;
+    const std::string directory = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    const std::string page = "template=" VELMORA_SOURCE_DIR "/bench/pages.html&rows=";
+    const int rounds = argc > 1 ? atoi(argv[1]) : 100;
+    if (rounds < 1) fail("usage: pages [ROUNDS]");
     const Words plain{directory + "/plain_page"}, plain_rows{plain[0], "1000"};
-    const auto toolkit = [&directory](const char *query) { return Words{directory + "/cgi_page", query}; };
-    const Words line = toolkit(""), rows = toolkit("template=pages.html&rows=1000"),
-                many = toolkit("template=pages.html&rows=10000");
+    const auto toolkit = [&directory](const std::string &query) { return Words{directory + "/cgi_page", query}; };
+    const Words line = toolkit(""), rows = toolkit(page + "1000"), many = toolkit(page + "10000");
     if (printed(line) != printed(plain) || printed(rows) != printed(plain_rows)) fail("the pages differ");
 
     printf("%zu bytes in 1000 rows; medians of %d, and their ratio to the first\n", printed(rows).size(), rounds);
