@@ -71,7 +71,10 @@ protected:
             clearenv();
             setenv("TZ", "UTC", 1);
             for (const Strings *settings : {&request.environment, &request.more_environment}) {
-                for (const std::string &setting : *settings) putenv(strdup(setting.c_str()));
+                for (const std::string &setting : *settings) {
+                    const size_t sign = setting.find('=');
+                    setenv(setting.substr(0, sign).c_str(), setting.substr(sign + 1).c_str(), 1);
+                }
             }
             static Strings words;
             static std::vector<char *> vector;
