@@ -1,4 +1,4 @@
-/* Associative arrays: against a model with random operations, and the told edges one by one. */
+/* Associative arrays: against a model with random operations, and the edges one by one. */
 #include "foundation/paa.h"
 
 #include <gtest/gtest.h>
