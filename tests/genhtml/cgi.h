@@ -45,8 +45,11 @@ inline Request form(const std::string &body, const std::string &boundary = "BOUN
     return post(body, "multipart/form-data; boundary=" + boundary);
 }
 
+/** Prints a new string and frees it. */
+inline void print(char *text) { fputs(OwnedBlock<char>(text).get(), stdout); }
+
 /** Prints what has been stored, oldest first, as "&key=value" with all but letters and digits encoded. */
-inline void print_input() { fputs(OwnedBlock<char>(ghIn2Query(nullptr)).get(), stdout); }
+inline void print_input() { print(ghIn2Query(nullptr)); }
 
 const std::string PAGE = "Content-Type: text/html\n\n";  // the header of a page that sets nothing
 inline std::string error_page(const std::string &text) {

@@ -15,7 +15,7 @@ Program listing(Call call, Strings keys) {
         std::vector<char *> list;
         for (std::string &key : keys) list.push_back(key.data());
         list.push_back(nullptr);
-        fputs(OwnedBlock<char>(call(list.data())).get(), stdout);
+        print(call(list.data()));
     };
 }
 
@@ -120,8 +120,8 @@ TEST_F(CgiForms, ReplacesRegardlessOfCase) {
         {"text", "z", "y", "text"},      {"", "x", "y", ""},
     };
     for (const auto &[text, old, fresh, result] : rows) {
-        EXPECT_EQ(run(get(""), [=] { fputs(OwnedBlock<char>(ghCaseReplace(text, old, fresh)).get(), stdout); }),
-                  result);
+        const auto call = [text = text, old = old, fresh = fresh] { print(ghCaseReplace(text, old, fresh)); };
+        EXPECT_EQ(run(get(""), call), result);
     }
 }
 
@@ -129,7 +129,7 @@ TEST_F(CgiForms, MakesLinksOfAddresses) {
     const auto link = [](const std::string &url) {
         return "<A HREF=\"" + url + "\" TARGET=\"newbrowser\">" + url + "</A> ";
     };
-    const std::vector<std::pair<const char *, std::string>> rows = {
+    const Rows<const char *, std::string> rows{
         {"", ""},
         {"none: https://x HTTP://y", "none: https://x HTTP://y"},
         {"at http://x/?a&b, now", "at " + link("http://x/?a&#38;b,") + " now"},
@@ -137,7 +137,7 @@ TEST_F(CgiForms, MakesLinksOfAddresses) {
         {"<http://x>\nhttp://y", "&#60;" + link("http://x&#62;\nhttp://y")},
     };
     for (const auto &[text, result] : rows) {
-        EXPECT_EQ(run(get(""), [&] { fputs(OwnedBlock<char>(ghReplaceHTMLLinks(text)).get(), stdout); }), result);
+        EXPECT_EQ(run(get(""), [text = text] { print(ghReplaceHTMLLinks(text)); }), result);
     }
 }
 
