@@ -88,6 +88,11 @@ test('filters, and keeps the filter on the way to a record and back', async () =
     assert.deepEqual(await ids(), ['bergen', 'bern', 'bremen']);
 });
 
+/** Presses a button that sends a form, and waits for the page that answers it. */
+async function press(name) {
+    await Promise.all([page.waitForEvent('load'), page.getByRole('button', { name }).click()]);
+}
+
 test('inserts, changes, counts and deletes a record', async () => {
     const value = (column) => sqlite(`SELECT ${column} FROM PLACES WHERE ID = 'näh <b>'`);
     await openPlaces();
@@ -95,22 +100,21 @@ test('inserts, changes, counts and deletes a record', async () => {
     await page.getByLabel('ID').fill('näh <b>');
     await page.getByLabel('Name').fill('<$g_title> "&" [b]javascript:[/b]');
     await page.getByLabel('Note').fill('one\ntwo');
-    await page.getByRole('button', { name: 'Add' }).click();
+    await press('Add');
     assert.equal(await page.getByRole('status').textContent(), 'näh <b> has been added.');
     assert.equal(value('NAME'), '<$g_title> "&" [b]javascript:[/b]');
     assert.equal(value('NOTE'), 'one\ntwo');
     assert.equal(await page.getByLabel('Name').inputValue(), '<$g_title> "&" [b]javascript:[/b]');
 
     await page.getByLabel('Country').fill('Nowhere');
-    await page.getByRole('button', { name: 'Save' }).click();
+    await press('Save');
     assert.equal(value('COUNTRY'), 'Nowhere');
     await page.getByLabel('Count by').fill('17');
-    await page.getByRole('button', { name: 'Count' }).click();
-    await page.reload();
+    await press('Count');
     assert.equal(value('VISITS'), '00000011');
 
     await page.getByRole('link', { name: 'Delete' }).click();
-    await page.getByRole('button', { name: 'Delete for good' }).click();
+    await press('Delete for good');
     assert.equal(await page.getByRole('status').textContent(), 'näh <b> has been deleted.');
     assert.equal(value('COUNT(*)'), '0');
 });
