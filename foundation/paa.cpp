@@ -15,38 +15,6 @@ int32_t paaerrno = 0;
 
 namespace paa {
 namespace {
-constexpr uint32_t MAGIC = 0x9AA7AB1Eu;  // a live table
-}
-
-bool is_table(const PAA_S *table) {
-    const bool good = table != nullptr && table->magic == MAGIC;
-    paaerrno = good ? 0 : PAAERRBADHANDLE;
-    return good;
-}
-
-int refuse(int code) {
-    paaerrno = code;
-    return -1;
-}
-
-void *refuse_null(int code) {
-    paaerrno = code;
-    return nullptr;
-}
-
-int compare(Key left, Key right) {
-    const uint32_t common = left.length < right.length ? left.length : right.length;
-    const int order = memcmp(left.bytes, right.bytes, common);
-    if (order != 0 || left.length == right.length) return order;
-    return left.length < right.length ? -1 : 1;
-}
-
-void *hand_out(void *bytes, uint32_t length, int *target) {
-    if (target != nullptr) *target = static_cast<int>(length);
-    return bytes;
-}
-
-namespace {
 
 constexpr uint32_t MOST_BEHIND_ENTRY = 128;  // a longer value gets a block of its own: it may be exchanged
 constexpr uint32_t POINTER_LENGTH = 4;       // what the length of a stored pointer reads as, whatever its real size
@@ -79,14 +47,24 @@ Key as_key(const void *key, int length) {
 
 Value as_value(const void *value, int length) { return {value, static_cast<uint32_t>(length)}; }
 
-/** Finds an entry, or leaves PAAERRNOTFOUND. */
+/** Finds an entry, or leaves PAAERRNOTFOUND. Who reads many keys mostly asks for them in the order in which they were
+ *  put in: after two such questions the answer to the next is guessed, which saves the hash and the bucket. */
 PAA_ENTRY_S *find(PAA_S *table, Key key) {
-    if (table->buckets != nullptr) {
-        const Place place = find_place(table, key);
-        if (place.found) return place.at;
+    if (is_at(table->guess, key)) {
+        table->lastFound = table->guess;
+        table->guess = table->guess->orderNext;
+        return table->lastFound;
     }
-    paaerrno = PAAERRNOTFOUND;
-    return nullptr;
+    const Place place = table->buckets != nullptr ? find_place(table, key) : Place{};
+    if (!place.found) {
+        paaerrno = PAAERRNOTFOUND;
+        return nullptr;
+    }
+    if (place.at != table->lastFound) {
+        table->guess = place.at->orderPrev == table->lastFound ? place.at->orderNext : nullptr;
+        table->lastFound = place.at;
+    }
+    return place.at;
 }
 
 /** Copies two runs of bytes to a place and puts a NUL behind them. */
@@ -176,8 +154,9 @@ void unlink_from_order(PAA_S *table, PAA_ENTRY_S *entry) {
     behind = entry->orderPrev;
 }
 
-/** The set of keys has changed: walks in progress end, the sorted order has to be made anew. */
+/** The set of keys has changed: walks in progress end, the sorted order has to be made anew, nothing is guessed. */
 void end_walks(PAA_S *table) {
+    table->lastFound = table->guess = nullptr;
     free(table->sortedIndex);
     table->sortedIndex = nullptr;
     table->current = nullptr;

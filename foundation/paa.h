@@ -61,6 +61,9 @@ typedef struct PAA_S {
     PAA_ENTRY_S *first;           /* oldest entry */
     PAA_ENTRY_S *last;            /* newest entry */
     struct PAA_INDEX_S **indexes; /* by bucket, index of its chain or null; null until a chain gets long */
+    PAA_ENTRY_S *lastFound;       /* null: none since the set of keys changed */
+    PAA_ENTRY_S *guess;           /* what may be asked for next; null: no guess */
+    uint32_t isMapped;            /* 1: the system has all memory of `buckets` at hand */
 } PAA_S;
 
 /* ---- Tables ------------------------------------------------------------------------------------------------- */

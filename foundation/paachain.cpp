@@ -4,6 +4,7 @@
  * is no secret: a peer can choose keys that all fall into one bucket. A chain that proves long therefore gets an
  * index (paaindex.cpp); the list stays as it is beside it. */
 #include <endian.h>
+#include <sys/mman.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -17,6 +18,8 @@ namespace {
 constexpr uint32_t BUCKETS = 1019;
 constexpr uint32_t BUCKETS_LARGE = 65521;
 constexpr uint32_t HASH_SEED = 104729;
+constexpr uint32_t SMALL_COUNT = 48;  // entries: their buckets lie in a few of the pages of a large array
+constexpr uintptr_t PAGE_BYTES = 4096;
 constexpr int LONG_CHAIN = 16;  // a walk over more entries than this is worth an index
 
 /** The count is a constant, so that its remainders cost no divisions. */
@@ -38,11 +41,20 @@ uint32_t hash(Key key) {
     return sum;
 }
 
-/** Has the system map the memory of a bucket for writing. A large array is mapped page by page as it is used, and a page
- *  that is read before it is written to costs two faults. */
-void make_writable(PAA_ENTRY_S *&bucket) {
-    PAA_ENTRY_S *none = nullptr;
-    std::atomic_ref(bucket).compare_exchange_strong(none, nullptr, std::memory_order_relaxed);
+/** Has the system map the large array of buckets for writing. It maps memory page by page as it is used, and one that
+ *  is read before it is written to costs two faults: a bucket is so written to first, with what it holds. A table that
+ *  goes on growing will use all pages: they are mapped in one call then, which costs less. */
+void map_for_insertion(PAA_S *table, uint32_t bucket) {
+    if (table->isMapped != 0) return;
+    if (table->count < SMALL_COUNT) {
+        PAA_ENTRY_S *none = nullptr;
+        std::atomic_ref(table->buckets[bucket]).compare_exchange_strong(none, nullptr, std::memory_order_relaxed);
+        return;
+    }
+    const auto start = reinterpret_cast<uintptr_t>(table->buckets), page = start & ~(PAGE_BYTES - 1);
+    const size_t size = start - page + BUCKETS_LARGE * sizeof *table->buckets;
+    madvise(reinterpret_cast<void *>(page), size, MADV_POPULATE_WRITE);  // an older system doesn't: no harm
+    table->isMapped = 1;
 }
 
 PAA_INDEX_S *index_of(const PAA_S *table, uint32_t bucket) {
@@ -70,7 +82,7 @@ uint32_t bucket_count(const PAA_S *table) { return (table->flags & PAAFLAGLARGE)
 Place find_place(PAA_S *table, Key key, Purpose purpose) {
     const bool is_large = (table->flags & PAAFLAGLARGE) != 0;
     const uint32_t bucket = is_large ? hash<BUCKETS_LARGE>(key) : hash<BUCKETS>(key);
-    if (is_large && purpose == Purpose::INSERTION) make_writable(table->buckets[bucket]);
+    if (is_large && purpose == Purpose::INSERTION) map_for_insertion(table, bucket);
     const PAA_INDEX_S *index = index_of(table, bucket);
     Place place{bucket, nullptr, table->buckets[bucket], false, {}};
     for (int steps = 0; place.at != nullptr && index == nullptr; ++steps) {

@@ -3,6 +3,7 @@
 #define FOUNDATION_PAAI_H
 
 #include <cstdint>
+#include <cstring>
 
 #include "foundation/paa.h"
 
@@ -28,21 +29,45 @@ struct Place {
     Spot spot;            // if the chain has an index
 };
 
-// ---- paa.cpp ----
+// ---- What all calls do; here, since it is a good part of the work of a look-up ----
+
+constexpr uint32_t MAGIC = 0x9AA7AB1Eu;  // a live table
 
 /** Opens a call: clears paaerrno, and sets it again if this is no table. */
-bool is_table(const PAA_S *table);
+inline bool is_table(const PAA_S *table) {
+    const bool good = table != nullptr && table->magic == MAGIC;
+    paaerrno = good ? 0 : PAAERRBADHANDLE;
+    return good;
+}
 
 /** Results of a call that failed, with the code left in paaerrno. */
-int refuse(int code);
-void *refuse_null(int code);
+inline int refuse(int code) {
+    paaerrno = code;
+    return -1;
+}
+inline void *refuse_null(int code) {
+    paaerrno = code;
+    return nullptr;
+}
 
 /** Key order: negative, 0 or positive as `left` is less than, equal to or greater than `right`. */
-int compare(Key left, Key right);
+inline int compare(Key left, Key right) {
+    const uint32_t common = left.length < right.length ? left.length : right.length;
+    const int order = memcmp(left.bytes, right.bytes, common);
+    if (order != 0 || left.length == right.length) return order;
+    return left.length < right.length ? -1 : 1;
+}
 inline Key key_of(const PAA_ENTRY_S *entry) { return {entry->key, entry->keyLength}; }
 
+inline bool is_at(const PAA_ENTRY_S *entry, Key key) {
+    return entry != nullptr && entry->keyLength == key.length && memcmp(entry->key, key.bytes, key.length) == 0;
+}
+
 /** Hands out a pointer with the length that goes with it, if the caller wants that. */
-void *hand_out(void *bytes, uint32_t length, int *target);
+inline void *hand_out(void *bytes, uint32_t length, int *target) {
+    if (target != nullptr) *target = static_cast<int>(length);
+    return bytes;
+}
 
 // ---- paachain.cpp ----
 
