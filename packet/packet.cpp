@@ -1,7 +1,9 @@
 /* Datagrams in and out: the only place where the system receives and sends them.
  *
- * An error that an earlier send left at the socket (a peer that is gone) is taken off before each call, so that it
- * can't disturb this one. errno comes back to the caller as the failing call set it, whatever was logged since. */
+ * An error that an earlier send left at the socket (a peer that is gone) must not disturb a call. It would be in the way
+ * of the first attempt, which takes it off: so errors are looked after when an attempt fails, and a datagram that
+ * waits costs one system call, as does one that goes out. errno comes back to the caller as the failing call set it,
+ * whatever was logged since. */
 #include <arpa/inet.h>
 #include <errno.h>
 #include <string.h>
@@ -90,6 +92,14 @@ int clear_pending_error(const char *label, int socket) {
     return pending;
 }
 
+/** After an attempt that failed: true if a pending error may have been the reason, which is off now. A descriptor that
+ *  is no socket has none, and is reported. */
+bool may_have_been_pending(const char *label, int socket) {
+    if (take_pending_error(socket) != QUERY_FAILED) return true;
+    say::query_failed(label);
+    return false;
+}
+
 bool is_running() { return process_context.running != 0; }
 
 /** Waits until the socket is readable, or `timeout` is over: the count of select. */
@@ -125,13 +135,29 @@ int wait_for_datagram(int socket, timeval *timeout) {
     return PACKETERRINTR;
 }
 
-int receive(int socket, void *buffer, int size, void *address, int *address_size) {
+int receive(int socket, void *buffer, int size, void *address, int *address_size, int flags = 0) {
     memset(address, 0, static_cast<size_t>(*address_size));
     auto room = static_cast<socklen_t>(*address_size);
     const ssize_t length =
-        recvfrom(socket, buffer, static_cast<size_t>(size), 0, static_cast<sockaddr *>(address), &room);
+        recvfrom(socket, buffer, static_cast<size_t>(size), flags, static_cast<sockaddr *>(address), &room);
     *address_size = static_cast<int>(room);
     return static_cast<int>(length);
+}
+
+/** Receives a datagram that waits already; negative if none does, or if it isn't time to read. */
+int receive_at_once(int socket, void *buffer, int size, void *address, int *address_size) {
+    if (!is_running() || process_context.hold != 0) return -1;
+    const int length = receive(socket, buffer, size, address, address_size, MSG_DONTWAIT);
+    if (length < 0 && errno != EAGAIN) {
+        const int taken = errno;
+        if (may_have_been_pending(read_label, socket)) say::cleared(read_label, taken, socket);
+    }
+    return length;
+}
+
+int send_once(int socket, const void *buffer, int length, const void *address, int address_size) {
+    return static_cast<int>(sendto(socket, buffer, static_cast<size_t>(length), 0,
+                                   static_cast<const sockaddr *>(address), static_cast<socklen_t>(address_size)));
 }
 
 /** What each datagram passes on its way in, whoever reads it. */
@@ -164,12 +190,12 @@ int packet_read(int socket, void *buffer, int size, void *address, int *addressS
         errno = EBADF;
         return PACKETERRBADSOCKET;
     }
-    clear_pending_error(read_label, socket);
-
-    const int result = wait_for_datagram(socket, timeout);
-    if (result != 0) return result;
-
-    const int length = receive(socket, buffer, size, address, addressSize);
+    int length = receive_at_once(socket, buffer, size, address, addressSize);
+    if (length < 0) {
+        const int result = wait_for_datagram(socket, timeout);
+        if (result != 0) return result;
+        length = receive(socket, buffer, size, address, addressSize);
+    }
     if (length >= 0) return admit(read_label, address, buffer, length);
     if (errno == EINTR) return PACKETERRINTR;
     say::receive_failed(read_label, socket, length);
@@ -213,11 +239,14 @@ int packet_sendto(int socket, const void *buffer, int length, const void *addres
         return PACKETERRBADSOCKET;
     }
     packet_stat_count(PACKET_STAT_SEND_CALL);
-    clear_pending_error(sendto_label, socket);
-
-    const auto sent =
-        static_cast<int>(sendto(socket, buffer, static_cast<size_t>(length), 0,
-                                static_cast<const sockaddr *>(address), static_cast<socklen_t>(addressSize)));
+    int sent = send_once(socket, buffer, length, address, addressSize);
+    if (sent < 0) {
+        const int taken = errno;
+        if (may_have_been_pending(sendto_label, socket)) {
+            sent = send_once(socket, buffer, length, address, addressSize);
+            if (sent == length) say::cleared(sendto_label, taken, socket);
+        }
+    }
     if (sent == length) {
         uint32_t peer_ip = 0;
         packet_adr_get(address, &peer_ip, nullptr);

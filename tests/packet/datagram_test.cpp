@@ -195,21 +195,26 @@ TEST_F(Datagrams, SignalInterruptsTheWaitAndAHoldKeepsWhatHasArrived) {
 
 TEST_F(Datagrams, ErrorOfAnEarlierSendIsOnlyTraced) {
     process_context.trace = 1;
-    for (const bool waiting : {true, false}) {
+    char byte;
+    struct Row {
+        std::string label;
+        int result;
+        std::function<int(int)> call;
+    };
+    const Row rows[] = {
+        {"packet_read", PACKETERRTIMEOUT, [&](int socket) { return read(socket, 64, 50); }},
+        {"packet_readUDP", PACKETERRINTR,
+         [&](int socket) { return packet_readUDP(socket, &byte, 1, nullptr, nullptr); }},
+        {"packet_sendto", 0, [&](int socket) { return packet_sendto(socket, "x", 1, &serverAddress, 16); }},
+    };
+    for (const Row &row : rows) {
         const OwnedFd socket = refused_socket();
-        const std::string lines = told([&] {
-            char byte;
-            if (waiting) {
-                EXPECT_EQ(read(socket.get(), 64, 50), PACKETERRTIMEOUT);
-            } else {
-                EXPECT_EQ(packet_readUDP(socket.get(), &byte, 1, nullptr, nullptr), PACKETERRINTR);
-            }
-        });
-        EXPECT_TRUE(lines.ends_with(std::string(": ") + (waiting ? "packet_read" : "packet_readUDP") +
-                                    ": cleared error Connection refused for socket " + std::to_string(socket.get()) +
-                                    "\n"))
+        const std::string lines = told([&] { EXPECT_EQ(row.call(socket.get()), row.result) << row.label; });
+        EXPECT_TRUE(lines.ends_with(": " + row.label + ": cleared error Connection refused for socket " +
+                                    std::to_string(socket.get()) + "\n"))
             << lines;
     }
+    EXPECT_EQ(read(server.get()), 1) << "what was sent has gone out";
     const OwnedFd socket = refused_socket();
     told([&] { EXPECT_EQ(packet_clearSocketError(socket.get(), "label"), -1); });
     EXPECT_EQ(told([&] { EXPECT_EQ(packet_clearSocketError(socket.get(), "label"), 0); }), "");
@@ -236,6 +241,10 @@ TEST_F(Datagrams, BadSocketsAreReported) {
         {PACKETERRSELECT, [&] { return read(closed); },
          "test: packet_read: " + query + "test: packet_read: select on socket: " + number +
              " failed! Bad file descriptor\n"},
+        {PACKETERRSEND, [&] { return packet_sendto(closed, "x", 1, &serverAddress, 16); },
+         "test: packet_sendto: " + query + "test: packet_sendto: sendto socket " + number +
+             " 127.0.0.1:" + std::to_string(ntohs(serverAddress.sin_port)) +
+             " failed! rc -1, len 1 errmsg: Bad file descriptor!\ntest: packet_sendto: " + query},
         {PACKETERRRECV, [&] { return packet_readUDP(closed, &byte, 1, &ip, nullptr); },
          "test: packet_readUDP: " + query + "test: packet_readUDP: " + query +
              "test: packet_readUDP: recvfrom on socket: " + number + " failed! rc -1, Bad file descriptor\n"},
