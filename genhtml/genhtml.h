@@ -216,7 +216,7 @@ char *ghNStrcat(const char *label, ...) GENHTML_ENDS_IN_NULL;
  *  a text that ends in the delimiter string as a whole has one further, empty item: "a=" gives two, "=b" one.
  *
  *  @param items  room for 1024 pointers; receives new strings and a null pointer behind them
- *  @return the number of items. 1023 or more: error page.
+ *  @return the number of items. Over 1022 pieces: error page.
  */
 int ghSplit(const char *text, const char *delimiters, char **items);
 
@@ -341,7 +341,8 @@ int ghsSetVariableHandler(const char *name, GHS_VARIABLE_HANDLER function);
 /** ghsVarFetch on any table of texts; a null table holds nothing. */
 int ghsHashFetch(PAA_S *table, const char *key, char **value);
 
-/** Stores a pair in a table, in place of an earlier one; arguments and result as for ghsSaveForReplace. */
+/** Stores a pair in a table, in place of an earlier one; arguments and result as for ghsSaveForReplace, but no mode
+ *  has part in it. */
 int ghsSaveToHash(PAA_S *table, const char *key, const char *value, int protect);
 
 /** Reads a key file: lines of key, white space, value; blank lines and lines that begin with "#" are skipped. A value
@@ -364,8 +365,9 @@ int ghsReadConfig(const char *file);
  *  It is looked for in the working directory, where it counts as a CGI program and is told its depth as a sub-script,
  *  then in the platform's script directory. A name with ".pl" runs under the platform's interpreter.
  *
- *  Codes: 0; its exit status (128 and the signal's number if one ended it); 1 ".." in its path; 12 no memory, the ninth
- *  sub-script in a row, or over 1022 arguments; -1 it didn't get started; or an errno value. */
+ *  Codes: 0; its exit status (128 and the signal's number if one ended it, 255 if it can't be run); 1 ".." in its path;
+ *  12 no memory, the tenth sub-script in a row, or over 1022 words in all; or an errno value: it isn't there, or there
+ *  is no process for it. */
 void ghsCallScript(const char *command);
 
 /* ---- Texts ---------------------------------------------------------------------------------------------------------------- */

@@ -283,11 +283,16 @@ Fate genhtml::take_line(Pass &pass, const char *line) {
 }
 
 void ghsPrintTemplate(FILE *stream, const char *file) {
-    clear_error("ghsPrintTemplate");
-    if (variable(NO_HTML) != nullptr) enter_no_html();
+    constexpr char label[] = "ghsPrintTemplate";
+    clear_error(label);
+    with_memory<bool>(label, false, [] {
+        if (variable(NO_HTML) != nullptr) enter_no_html();
+        return true;
+    });
     for_each_variable([](const char *name, char *value) {
         if (!is_own_name(name)) ghsFilterActiveContent(value);
     });
+    if (ghsErrno != 0) return;  // no memory: what could not be protected or filtered stays off the page
     files_opened = 0;
     ghsPrintTemplateRec("", stream, file);
 }

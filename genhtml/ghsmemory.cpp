@@ -22,8 +22,6 @@ char *text_room(const char *label, size_t length) {
     return static_cast<char *>(ghsMalloc(label, length < INT_MAX ? static_cast<int>(length) + 1 : -1));
 }
 
-std::string_view text_or_none(const char *text) { return text != nullptr ? text : ""; }
-
 void free_items(char **items, int count) {
     for (int index = 0; index < count; ++index) free(items[index]);
     items[0] = nullptr;
@@ -131,8 +129,12 @@ void *ghsMalloc(const char *label, int size) {
 void *ghsMemdup(const char *label, const void *source, int size) {
     if (label == nullptr) label = "ghsMemdup";
     clear_error(label);
-    void *copy = process_memdup(label, source, size);
-    if (copy == nullptr) set_error(NO_MEMORY, label);
+    void *copy = size > 0 ? calloc(1, static_cast<size_t>(size)) : nullptr;  // process_memdup would print its failure
+    if (copy == nullptr) {
+        set_error(NO_MEMORY, label);
+    } else if (source != nullptr) {
+        memcpy(copy, source, static_cast<size_t>(size));
+    }
     return copy;
 }
 

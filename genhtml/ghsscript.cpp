@@ -1,5 +1,6 @@
 /* Files that the template engine reads besides templates, and programs that it runs: key files and scripts. */
 #include <errno.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -92,7 +93,8 @@ struct Script {
     std::string interpreter;  // empty: it runs by itself
 };
 
-/** The depth of this program as a sub-script: 0 for a page that the web server started. */
+/** The depth of this program as a sub-script: 0 for a page that the web server started. A depth below that is nothing
+ *  that we ever gave: it would make room for a longer row of sub-scripts. */
 long own_depth() {
     char *mark = nullptr;
     return ghInFetch("NOHTTPHEAD", &mark) ? std::max(strtol(mark, nullptr, 10), 0L) : 0;
@@ -171,10 +173,15 @@ int run(std::vector<std::string> &arguments) {
     for (std::string &argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
 
+    struct sigaction former {};
+    struct sigaction usual {};
+    usual.sa_handler = SIG_DFL;
+    sigaction(SIGCHLD, &usual, &former);  // ignored, as some web servers leave it, there would be no exit status
     const pid_t child = fork();
-    if (child < 0) return errno;
     if (child == 0) become(pointers.data());
-    return exit_status_of(child);
+    const int code = child < 0 ? errno : exit_status_of(child);
+    sigaction(SIGCHLD, &former, nullptr);
+    return code;
 }
 
 int call(std::string_view command) {

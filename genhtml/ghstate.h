@@ -124,6 +124,8 @@ struct Token {
 Token find_token(std::string_view text, std::string_view open, std::string_view close);
 Token find_last_token(std::string_view text, std::string_view open, std::string_view close);
 
+inline std::string_view text_or_none(const char *text) { return text != nullptr ? text : ""; }
+
 inline bool is_white(char character) { return process_isspace(static_cast<unsigned char>(character)) != 0; }
 
 inline char *skip_white(char *text) {

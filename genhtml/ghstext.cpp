@@ -11,8 +11,6 @@ namespace {
 
 constexpr auto NOWHERE = std::string_view::npos;
 
-std::string_view text_or_none(const char *text) { return text != nullptr ? text : ""; }
-
 int hex_digit(char character) {
     if (character >= '0' && character <= '9') return character - '0';
     const char lower = static_cast<char>(character | 0x20);
@@ -144,7 +142,7 @@ Token genhtml::find_last_token(std::string_view text, std::string_view open, std
 genhtml::DateText::DateText(time_t when) {
     struct tm local {};
     if (localtime_r(&when, &local) == nullptr) local = {};
-    snprintf(text, sizeof text, "%04d%02d%02d%02d%02d%02d", local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+    snprintf(text, sizeof text, "%04ld%02d%02d%02d%02d%02d", local.tm_year + 1900L, local.tm_mon + 1, local.tm_mday,
              local.tm_hour, local.tm_min, local.tm_sec);
 }
 
