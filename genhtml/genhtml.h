@@ -72,7 +72,8 @@ void ghInRemoveAccess(void);
 int ghProcess_Post_Method(void);
 
 /** Reads a line, its line feed included, in a form fit for texts: byte 0 becomes 2 3, byte 1 becomes 2 4, byte 2
- *  becomes 2 5. From standard input not more than CONTENT_LENGTH bytes are taken in all, if that is set.
+ *  becomes 2 5. Not more than CONTENT_LENGTH bytes are taken in all, if standard input was read and that is above 0. The
+ *  count and the end are the process's, whatever the stream: behind the end of one there is nothing more from any.
  *
  *  @param size  room of the buffer; a longer line comes in pieces of up to size-1 bytes, of which the last one ends
  *               in the line feed
@@ -132,8 +133,8 @@ void ghT_2Replace(void);
 /** Gives a new string, protected for HTML, in which each http:// address is a link. A null text: error page. */
 char *ghReplaceHTMLLinks(const char *text);
 
-/** Gives a new string in which each `old` is replaced by `fresh`, regardless of case. Null counts as empty; an empty
- *  `old` gives a copy. */
+/** Gives a new string, of any length, in which each `old` is replaced by `fresh`, regardless of case. Null counts as
+ *  empty; an empty `old` gives a copy. */
 char *ghCaseReplace(const char *text, const char *old, const char *fresh);
 
 /* ---- Template variables: the replace table ------------------------------------------------------------------------ */
@@ -216,7 +217,7 @@ char *ghNStrcat(const char *label, ...) GENHTML_ENDS_IN_NULL;
  *  a text that ends in the delimiter string as a whole has one further, empty item: "a=" gives two, "=b" one.
  *
  *  @param items  room for 1024 pointers; receives new strings and a null pointer behind them
- *  @return the number of items. Over 1022 pieces: error page.
+ *  @return the number of items. More than 1022 pieces: error page.
  */
 int ghSplit(const char *text, const char *delimiters, char **items);
 
@@ -226,8 +227,9 @@ int ghSplit(const char *text, const char *delimiters, char **items);
  *  opened. Returns: the caller then calls exit(0). */
 void ghError(const char *format, ...) PROCESS_PRINTF(1, 2);
 
-/** Writes a debug line: as a trace line if process_context.trace is set, else to the debug file. That is done only in
- *  a directory where a file "ghdebug" exists. */
+/** Writes a debug line: as a trace line if process_context.trace is set, else, unless process_context.logToFile is, to
+ *  the debug file. That is done only in a directory where a file "ghdebug" exists; a file that can't be opened then, or
+ *  a ".." in its path, is told on the page, and exit(0). */
 void ghDebug(const char *format, ...) PROCESS_PRINTF(1, 2);
 
 /** Names the debug file, cut at 1024 bytes, and writes there when the program started. */
@@ -247,7 +249,7 @@ void ghInLog(FILE *stream);
 /** Writes all inputs to the debug output. */
 void ghInDump(void);
 
-/** Ends the program with exit(0) when so many seconds have gone by. */
+/** Ends the program with exit(0) when so many seconds have gone by. 0 takes the limit back. */
 void ghSelfDestruct(int seconds);
 
 /* ==== The template engine ============================================================================================

@@ -125,6 +125,13 @@ void print_error_page(const std::string &text) {
     }
 }
 
+/** The toolkit's own messages are a line each: other line feeds in them come from a request. */
+std::string one_line(std::string_view text) {
+    const bool has_end = text.ends_with('\n');
+    if (has_end) text.remove_suffix(1);
+    return printable(text) + (has_end ? "\n" : "");
+}
+
 void log_error(const std::string &text) {
     constexpr const char *told[] = {"REQUEST_METHOD",  "REQUEST_URI", "HTTP_REFERER",
                                     "HTTP_USER_AGENT", "REMOTE_HOST", "REMOTE_ADDR"};
@@ -141,11 +148,11 @@ void log_error(const std::string &text) {
 }
 
 PROCESS_PRINTF(1, 0)
-void report(const char *format, va_list arguments) {
+void report(const char *format, va_list arguments, std::string (*for_log)(std::string_view)) {
     try {
         const std::string text = formatted(format, arguments);
         print_error_page(text);
-        log_error(text);
+        log_error(for_log(text));
     } catch (const std::bad_alloc &) {
         return;  // not even memory for saying so
     }
@@ -175,7 +182,7 @@ void genhtml::decide_debug(bool &is_first_use) {
     debug_on = stat("./ghdebug", &status) == 0;
 }
 
-bool genhtml::may_debug() { return debug_on || process_context.trace; }
+bool genhtml::may_debug() { return process_context.trace || (debug_on && !process_context.logToFile); }
 
 void genhtml::append_to_debug_file(const char *format, va_list arguments) {
     if (!has_debug_file() || has_two_dots_anywhere(debug_file)) return;
@@ -199,7 +206,7 @@ genhtml::DebugText::DebugText(const char *text) : shown_(text != nullptr ? text 
 void genhtml::fail(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    report(format, arguments);
+    report(format, arguments, one_line);
     va_end(arguments);
     exit(0);
 }
@@ -209,7 +216,7 @@ void genhtml::fail_for_memory(const char *label) { fail("%s: Out of memory.\n", 
 void ghError(const char *format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    report(format, arguments);
+    report(format, arguments, [](std::string_view text) { return std::string(text); });
     va_end(arguments);
 }
 

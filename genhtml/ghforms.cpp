@@ -4,6 +4,7 @@
 #include <limits.h>
 #include <string.h>
 
+#include <algorithm>
 #include <array>
 #include <string>
 #include <string_view>
@@ -27,11 +28,58 @@ bool is_listed(const char *key, char **list) {
     return *list != nullptr;
 }
 
-void append_field(std::string &fields, const char *key, const char *value) {
+/** What opens a variable, a tag, a definition or an include in a line of a template. By the stricter rules request
+ *  data has the HTML form of its first character instead, which shows as the same. */
+struct Opening {
+    std::string_view text, first_shown;
+    bool counts_at_end_only = false;
+
+    bool begins(std::string_view rest) const { return counts_at_end_only ? rest == text : rest.starts_with(text); }
+    bool begins_shown(std::string_view rest) const {
+        if (!rest.starts_with(first_shown)) return false;
+        const std::string_view behind = rest.substr(first_shown.size());
+        return counts_at_end_only ? behind.empty() : behind.starts_with(text.substr(1));
+    }
+};
+constexpr Opening openings[] = {
+    {"<$", "&#60;"},   {"<#", "&#60;"},   {"[", "&#91;"},
+    {"#def", "&#35;"}, {"#inc", "&#35;"}, {"<", "&#60;", true},  // what follows it in the line may begin with "$"
+};
+
+std::string without_openings(std::string_view text) {
+    std::string plain;
+    for (; !text.empty(); text.remove_prefix(1)) {
+        const auto *found = std::find_if(std::begin(openings), std::end(openings),
+                                         [text](const Opening &each) { return each.begins(text); });
+        plain += found != std::end(openings) ? found->first_shown : text.substr(0, 1);
+    }
+    return plain;
+}
+
+/** The way back. */
+std::string with_openings(std::string_view text) {
+    std::string whole;
+    while (!text.empty()) {
+        const auto *found = std::find_if(std::begin(openings), std::end(openings),
+                                         [text](const Opening &each) { return each.begins_shown(text); });
+        const bool is_opening = found != std::end(openings);
+        whole += is_opening ? found->text.front() : text.front();
+        text.remove_prefix(is_opening ? found->first_shown.size() : 1);
+    }
+    return whole;
+}
+
+void append_attribute(std::string &fields, std::string_view text) {
+    std::string shown;
+    genhtml::append_protected(shown, text);
+    fields += genhtml::is_hardened() ? without_openings(shown) : shown;
+}
+
+void append_field(std::string &fields, const char *key, std::string_view value) {
     fields += field_start;
-    genhtml::append_protected(fields, key);
+    append_attribute(fields, key);
     fields += "\" VALUE=\"";
-    genhtml::append_protected(fields, value);
+    append_attribute(fields, value);
     fields += "\">\n";
 }
 
@@ -41,8 +89,17 @@ int reckoned_room() {
     return static_cast<int>((sizeof field_start - 1 + 20) * pairs + 6 * genhtml::input_bytes() + 1);
 }
 
+using Fetch = int(const char *key, char **value);
+
+std::string as_it_is(std::string_view value) { return std::string(value); }
+
+/** The value of a variable as the request had it, if it was copied from there. */
+std::string as_received(std::string_view value) {
+    return genhtml::is_hardened() ? with_openings(value) : std::string(value);
+}
+
 /** Gives fields for those keys that `fetch` finds. Without any input there are none. */
-char *hidden_fields(const char *label, char **keys, int (*fetch)(const char *key, char **value)) {
+char *hidden_fields(const char *label, char **keys, Fetch *fetch, std::string (*original)(std::string_view)) {
     ghDebug("%s: started\n", label);
     if (genhtml::input_table() == nullptr) {
         ghDebug("%s: empty In\n", label);
@@ -53,30 +110,14 @@ char *hidden_fields(const char *label, char **keys, int (*fetch)(const char *key
     genhtml::or_fail(label, [&] {
         for (char **key = keys; key != nullptr && *key != nullptr; key++) {
             char *value = nullptr;
-            if (fetch(*key, &value)) append_field(fields, *key, value);
+            if (fetch(*key, &value)) append_field(fields, *key, original(value));
         }
     });
     ghDebug("%s: done\n", label);
     return genhtml::new_text(label, fields);
 }
 
-/** Takes the openings of variables and tags out of a text, as HTML shows it unchanged. */
-std::string without_openings(std::string_view text) {
-    std::string plain;
-    for (size_t place = 0; place < text.size(); place++) {
-        const char next = place + 1 < text.size() ? text[place + 1] : '\0';
-        if (text[place] == '[') {
-            plain += "&#91;";
-        } else if (text[place] == '<' && (next == '$' || next == '#')) {
-            plain += "&#60;";
-        } else {
-            plain += text[place];
-        }
-    }
-    return plain;
-}
-
-/** Makes a template variable of request data, which by the stricter rules brings neither variables nor tags along. */
+/** Makes a template variable of request data, which by the stricter rules brings no openings along. */
 void save_received(const char *key, const char *value, int protect) {
     if (!genhtml::is_hardened()) {
         ghSaveForReplace(key, value, protect);
@@ -95,21 +136,26 @@ void save_received(const char *key, const char *value, int protect) {
     ghSaveToHash(genhtml::variables.table, key, plain.c_str(), 0);
 }
 
-int shown_length(std::string_view text) { return static_cast<int>(text.size()); }
+/** Tells the debug output of a link that is about to be made. */
+void tell_link(const char *label, const std::string &before, std::string_view url, std::string_view behind) {
+    using genhtml::DebugText;
+    if (!genhtml::may_debug()) return;  // this takes the whole text anew for each link
+    const std::string start(url), postfix(behind), whole = before + start + postfix;
+    ghDebug("%s: prot \"%s\"\n", label, DebugText(whole.c_str()).get());
+    ghDebug("%s: prefix \"%s\" start \"%s\" postfix \"%s\"\n", label, DebugText(before.c_str()).get(),
+            DebugText(start.c_str()).get(), DebugText(postfix.c_str()).get());
+}
 
 /** Appends a text with its addresses turned into links. Each link is followed by a blank, besides the one that ended
  *  the address. */
 void append_with_links(std::string &done, std::string_view rest, const char *label) {
     constexpr std::string_view scheme = "http://";
     for (size_t start = rest.find(scheme); start != std::string_view::npos; start = rest.find(scheme)) {
-        const std::string_view before = rest.substr(0, start);
         const std::string_view url = rest.substr(start, rest.find(' ', start) - start);
         const std::string_view behind = rest.substr(start + url.size());
-        ghDebug("%s: prot \"%s%.*s\"\n", label, done.c_str(), shown_length(rest), rest.data());
-        ghDebug("%s: prefix \"%s%.*s\" start \"%.*s\" postfix \"%.*s\"\n", label, done.c_str(), shown_length(before),
-                before.data(), shown_length(url), url.data(), shown_length(behind), behind.data());
-        done.append(before).append("<A HREF=\"").append(url).append("\" TARGET=\"newbrowser\">");
-        done.append(url).append("</A> ");
+        done += rest.substr(0, start);
+        tell_link(label, done, url, behind);
+        done.append("<A HREF=\"").append(url).append("\" TARGET=\"newbrowser\">").append(url).append("</A> ");
         rest = behind;
     }
     done += rest;
@@ -183,10 +229,10 @@ char *ghIn2Query(char **excluded) {
     return genhtml::new_text(label, query);
 }
 
-char *ghIn2Hidden(char **keys) { return hidden_fields("ghIn2Hidden", keys, ghInFetch); }
+char *ghIn2Hidden(char **keys) { return hidden_fields("ghIn2Hidden", keys, ghInFetch, as_it_is); }
 
 /* That it is the input which decides whether there is anything is meant. */
-char *ghReplace2Hidden(char **keys) { return hidden_fields("ghReplace2Hidden", keys, ghsVarFetch); }
+char *ghReplace2Hidden(char **keys) { return hidden_fields("ghReplace2Hidden", keys, ghsVarFetch, as_received); }
 
 void ghIn2Replace(int protect) {
     genhtml::for_each_pair(genhtml::input_table(), [protect](const char *key, const char *value) {
@@ -229,7 +275,7 @@ char *ghCaseReplace(const char *text, const char *old, const char *new_) {
 char *ghReplaceHTMLLinks(const char *text) {
     constexpr char label[] = "ghReplaceHTMLLinks";
     if (text == nullptr) genhtml::fail("%s: Invalid Parameter\n", label);
-    ghDebug("%s: pin \"%s\"\n", label, text);
+    ghDebug("%s: pin \"%s\"\n", label, genhtml::DebugText(text).get());
     const OwnedBlock<char> shown(ghHtmlProtect(text));
     std::string linked;
     genhtml::or_fail(label, [&] { append_with_links(linked, shown.get(), label); });

@@ -57,7 +57,7 @@ public:
     /** Reads the next line. False at the end of the input. */
     bool next() {
         length_ = ghfgets(line_, sizeof line_, stream_);
-        genhtml::refuse_large_body(label, reader.count);
+        genhtml::refuse_large_body(label, reader.count - (reader.ended ? 1 : 0));  // the end was counted too
         return length_ > 0;
     }
     /** Reads on up to a line that holds the text, or to the end. */
@@ -133,11 +133,12 @@ void store_text(const char *name, const char *body) {
 
 void store_file(const PartHead &head, const std::string &body) {
     const char *name = head.name.get();
+    const genhtml::DebugText shown_name(name), shown_type(head.type.get());
     genhtml::store_received(name, body.c_str());
-    if (!head.type) return ghDebug("%s: key:\"%s\" val:\"(Emptyfile posting)\"\n", label, name);
+    if (!head.type) return ghDebug("%s: key:\"%s\" val:\"(Emptyfile posting)\"\n", label, shown_name.get());
 
-    ghDebug("%s: key:\"%s\" val:\"(%d bytes file with Content-Type: %s\"\n", label, name,
-            static_cast<int>(body.size()), head.type.get());
+    ghDebug("%s: key:\"%s\" val:\"(%d bytes file with Content-Type: %s\"\n", label, shown_name.get(),
+            static_cast<int>(body.size()), shown_type.get());
     const OwnedBlock<char> type_key(ghStrcat(label, name, "_MIMETYPE"));
     genhtml::store_received(type_key.get(), head.type.get());
     const OwnedBlock<char> filename_key(ghStrcat(label, name, "_FILENAME"));
@@ -198,6 +199,8 @@ int ghProcess_Post_Method() {
     const char *type = getenv("CONTENT_TYPE");
     const char *mark = type != nullptr ? strstr(type, boundary_mark) : nullptr;
     if (mark == nullptr || strncmp(type, form_type, sizeof form_type - 1) != 0) return 0;
+    int length = 0;
+    if (genhtml::declared_length(&length)) genhtml::refuse_large_body(label, length);
     genhtml::read_form(stdin, mark + sizeof boundary_mark - 1);
     return 1;
 }

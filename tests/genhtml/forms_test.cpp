@@ -36,14 +36,15 @@ TEST_F(CgiForms, MakesQueriesAndHiddenFields) {
     EXPECT_EQ(both(request, listing(ghIn2Query, {"a", "x"})), "&b=%22%3c%24x%26&c=");
     EXPECT_EQ(both(request, listing(ghIn2Query, {})), "&a=1&b=%22%3c%24x%26&c=");
     EXPECT_EQ(both(get(""), listing(ghIn2Query, {})), "");
-    EXPECT_EQ(both(request, listing(ghIn2Hidden, {"c", "x", "b", "a"})),
-              field("c", "") + field("b", "&#34;<$x&#38;") + field("a", "1"));
+    const auto fields = listing(ghIn2Hidden, {"c", "x", "b", "a"});
+    EXPECT_EQ(run(request, fields), field("c", "") + field("b", "&#34;<$x&#38;") + field("a", "1"));
+    EXPECT_EQ(hardened(request, fields), field("c", "") + field("b", "&#34;&#60;$x&#38;") + field("a", "1"));
     EXPECT_EQ(both(get("%3Ck%22=1"), listing(ghIn2Hidden, {"<k\""})), field("&#60;k&#34;", "1"));
     EXPECT_EQ(both(get(""), listing(ghIn2Hidden, {"a"})), "");
 
     std::string many;
     for (int i = 0; i < 5000; i++) many += field("b", "&#34;<$x&#38;");
-    EXPECT_EQ(both(request, listing(ghIn2Hidden, Strings(5000, "b"))), many) << "more than the input's own fields";
+    EXPECT_EQ(run(request, listing(ghIn2Hidden, Strings(5000, "b"))), many) << "more than the input's own fields";
 
     const Program of_variables = [] {
         ghSaveForReplace("a", "<of a variable>", 0);
@@ -56,7 +57,8 @@ TEST_F(CgiForms, MakesQueriesAndHiddenFields) {
 TEST_F(CgiForms, BringsValuesBackAsTheyWere) {
     std::string bytes;
     for (int byte = 1; byte < 256; byte++) bytes += static_cast<char>(byte);
-    const Strings values{bytes, "", "a=b&c=d", "%41+%zz%", "\"><script>", "&#34;&amp;", "<$name> [b] <!-- #if -->"};
+    const Strings values{bytes,         "",           "a=b&c=d",           "%41+%zz%",
+                         "\"><script>", "&#34;&amp;", "<$name>[b]<#name>", "#inc #def <"};
     const auto store = [&values] {
         for (const std::string &value : values) ghInStore(("k<" + value).c_str(), value.c_str());
     };
@@ -64,8 +66,8 @@ TEST_F(CgiForms, BringsValuesBackAsTheyWere) {
     EXPECT_EQ(both(get(query)), query);
 
     const auto shown_by_a_browser = [](std::string text) {
-        for (const auto &[code, shown] :
-             Rows<const char *, const char *>{{"&#60;", "<"}, {"&#62;", ">"}, {"&#34;", "\""}, {"&#38;", "&"}}) {
+        for (const auto &[code, shown] : Rows<const char *, const char *>{
+                 {"&#60;", "<"}, {"&#62;", ">"}, {"&#34;", "\""}, {"&#91;", "["}, {"&#35;", "#"}, {"&#38;", "&"}}) {
             text = std::regex_replace(text, std::regex(code), shown);
         }
         return text;
@@ -75,11 +77,23 @@ TEST_F(CgiForms, BringsValuesBackAsTheyWere) {
         const std::string html = run(get(""), page), marked = html.substr(0, html.size() - 3);
         EXPECT_EQ(marked.find('"', field("k", "").size() - 3), std::string::npos) << "ends too early";
         EXPECT_EQ(shown_by_a_browser(html), field("k", value));
+
+        folder.write("page", "<$g_fields>");
+        for (const Call call : {ghIn2Hidden, ghReplace2Hidden}) {
+            const auto template_page = [&value, call] {
+                ghInStore("k", value.c_str()), ghIn2Replace(0);
+                ghSaveForReplace("name", "expanded", 0), ghSaveForReplace("g_Tag_B", "<b>", 0);
+                char key[] = "k", *keys[] = {key, nullptr};
+                ghSaveForReplace("g_fields", OwnedBlock<char>(call(keys)).get(), 0);
+                ghPrintTemplate(stdout, "page");
+            };
+            EXPECT_EQ(shown_by_a_browser(hardened(get(""), template_page)), PAGE + field("k", value) + "\n");
+        }
     }
 }
 
 TEST_F(CgiForms, MakesVariablesOfTheInput) {
-    const Request request = get("a=<$g_x>[b]<%23y>%26&T_t=<$t>+[&b=");
+    const Request request = get("a=<$g_x>[b]<%23y>%26&T_t=<$t>+[&b=%23inc%23def%23x<");
     const auto copied = [](int protect) {
         return [protect] {
             ghInStore("G_x", "1");
@@ -87,11 +101,12 @@ TEST_F(CgiForms, MakesVariablesOfTheInput) {
             print_variables({"a", "b", "T_t", "x"});
         };
     };
-    EXPECT_EQ(run(request, copied(0)), "a=<$g_x>[b]<#y>&\nb=\nT_t=<$t> [\nx?\n");
-    EXPECT_EQ(run(request, copied(1)), "a=<$g_x&#62;[b]&#60;#y&#62;&#38;\nb=\nT_t=<$t&#62; [\nx?\n");
-    EXPECT_EQ(hardened(request, copied(0)), "a=&#60;$g_x>&#91;b]&#60;#y>&\nb=\nT_t=&#60;$t> &#91;\nx?\n");
+    EXPECT_EQ(run(request, copied(0)), "a=<$g_x>[b]<#y>&\nb=#inc#def#x<\nT_t=<$t> [\nx?\n");
+    EXPECT_EQ(run(request, copied(1)), "a=<$g_x&#62;[b]&#60;#y&#62;&#38;\nb=#inc#def#x&#60;\nT_t=<$t&#62; [\nx?\n");
+    EXPECT_EQ(hardened(request, copied(0)),
+              "a=&#60;$g_x>&#91;b]&#60;#y>&\nb=&#35;inc&#35;def#x&#60;\nT_t=&#60;$t> &#91;\nx?\n");
     EXPECT_EQ(hardened(request, copied(1)),
-              "a=&#60;$g_x&#62;&#91;b]&#60;#y&#62;&#38;\nb=\nT_t=&#60;$t&#62; &#91;\nx?\n");
+              "a=&#60;$g_x&#62;&#91;b]&#60;#y&#62;&#38;\nb=&#35;inc&#35;def#x&#60;\nT_t=&#60;$t&#62; &#91;\nx?\n");
 
     const auto of_templates = [] {
         ghT_2Replace();

@@ -256,6 +256,9 @@ TEST_F(CgiInput, RefusesLargeBodiesByTheStricterRules) {
     EXPECT_EQ(run(limited(post("a=1&b=22"))), "&a=1&b=22");
     EXPECT_EQ(hardened(limited(post("a=1&b=22"))), refused("ghReadParse", "8"));
     EXPECT_EQ(hardened(limited(form("--BOUND\r\n"))), refused("ghProcess_Post_Method", "9"));
+    EXPECT_EQ(hardened(limited(form("").with("CONTENT_LENGTH=8"))), refused("ghProcess_Post_Method", "8"));
+    EXPECT_EQ(hardened(limited(form("1234567").with("CONTENT_LENGTH="))), "");
+    EXPECT_EQ(hardened(limited(form("12345678").with("CONTENT_LENGTH="))), refused("ghProcess_Post_Method", "8"));
 }
 
 TEST_F(CgiInput, TellsItsStepsInTheTrace) {
@@ -269,6 +272,12 @@ TEST_F(CgiInput, TellsItsStepsInTheTrace) {
                   line + "CGI Parameters (total 2)\n" + line + "GHDEBUG    => [.]\na long key => [1]\n" + line +
                   "ghIn2Hidden: started\nghIn2Hidden: malloced " + std::to_string(2 * (27 + 20) + 6 * 19 + 1) +
                   " bytes\nghIn2Hidden: done\n");
+
+    Request upload = form(part("; name=\"%0aT\"; filename=\"x\"\r\nContent-Type: \x1b", "1"));
+    upload.before = request.before;
+    const std::string lines = run(upload, [] { free(ghReplaceHTMLLinks("\nhttp://x\r\n")); });
+    EXPECT_NE(lines.find("key:\".T\" val:\"(1 bytes file with Content-Type: .\"\n"), std::string::npos) << lines;
+    EXPECT_NE(lines.find("prefix \".\" start \"http://x..\" postfix \"\"\n"), std::string::npos) << lines;
 }
 
 }  // namespace

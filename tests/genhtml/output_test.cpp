@@ -107,13 +107,14 @@ TEST_F(CgiOutput, EndsCallsThatFailInTheErrorPage) {
     const Rows<Program, std::string> late_rows{
         {set_cookie, "cookie, \"v\", \"/p\", \"d\""},
         {[] { ghSetCookieDate("soon"); }, "cookiedate, \"soon\""},
-        {[] { ghSetContentType("a/b"); }, "content-type, \"a/b\""},
+        {[] { ghSetContentType("a\nL2"); }, "content-type, \"a\nL2\""},
     };
     for (const auto &[call, what] : late_rows) {
         const auto page = [set = call] { ghPrintf("x"), set(), ghPrintf("still there"); };
         const std::string error = error_page("Too late to set " + what + ", header already printed\n");
         EXPECT_EQ(run(get(""), page), PAGE + "x" + error.substr(PAGE.size()));
     }
+    EXPECT_NE(folder.read("logs/gherror.log").find("content-type, \"a.L2\""), std::string::npos);
 }
 
 TEST_F(CgiOutput, KeepsIncludesBelowTheTemplatesByTheStricterRules) {
