@@ -286,8 +286,11 @@ int ghsReadFor(FILE *file, const char *name, char **lines);
 /** Prints a loop: its body once for each index, from 0 on, at which at least one of its variables exists. The variable
  *  "v" of the loop is then the key "v" <prefix> <index>.
  *
+ *  @param prefix     as for ghsPrintTemplateRec; of it and of a name the first 341 bytes make the key
  *  @param variables  names separated by commas; blanks don't count; names behind the 255th are ignored
  *  @param lines      the body, ended by a null pointer
+ *
+ *  Codes as for ghsPrintTemplate; 10 also for a prefix over 1024 bytes: loops in each other by the hundreds.
  */
 void ghsPrintFor(const char *prefix, FILE *stream, const char *name, const char *variables, char **lines);
 

@@ -89,6 +89,7 @@ void find_value(const Pass &pass, std::string_view name, std::string &value) {
         const char *stored = variable_of(pass, name);
         value = stored != nullptr ? stored : "";
     }
+    if (ghsErrno != 0) clear_error("ghsExpandVariable");  // a handler's own affair
     expand_value(value);
 }
 
@@ -226,7 +227,7 @@ void print_file(std::string_view prefix, FILE *stream, const char *path) {
 
 void include(const Pass &pass, const std::string &path) {
     if (is_allowed_include(path.c_str())) return print_file(inner_prefix(pass), pass.stream, path.c_str());
-    errno = EACCES;
+    errno = EACCES;  // also for one that is missing: nobody is told what lies outside
     set_error(NO_FILE, "ghsPrintTemplateRec", path.c_str());
 }
 

@@ -17,7 +17,8 @@ constexpr Spellings END_OF_LOOP{"<!-- #endfor loopname=\"", "<!--#endfor loopnam
 constexpr char COMMENT_OPENING[] = "<!--";
 constexpr char DROPPED_END[] = "--->";  // of a comment that opens with one "-" more, and isn't passed on
 
-constexpr size_t MOST_KEY_BYTES = 341;  // of a variable's name in a key, and of a prefix
+constexpr size_t MOST_KEY_BYTES = 341;      // of a variable's name in a key, and of a prefix
+constexpr size_t MOST_PREFIX_BYTES = 1024;  // of a prefix itself: each loop around adds 2 or more, and takes stack
 constexpr size_t MOST_VARIABLES = 255;
 constexpr int MOST_LINES = 1023;
 constexpr int LINE_SIZE = 4096;
@@ -44,14 +45,15 @@ struct Sides {
     int32_t leftNumber = 0, rightNumber = 0;
 };
 
-/** Reads a number, hexadecimal as all numbers of the platform's tables. */
+/** Reads a number, hexadecimal as all numbers of the platform's tables. What scanf takes is one: "0x" alone is 0. */
 bool read_number(std::string_view text, int32_t *number) {
-    char digits[9] = {};
+    char digits[9] = {}, rest[2];
     if (text.size() >= sizeof digits) return false;
     text.copy(digits, text.size());
-    char *end = nullptr;
-    *number = static_cast<int32_t>(strtoul(digits, &end, 16));
-    return end != digits && *skip_white(end) == '\0';
+    unsigned long value = 0;
+    if (sscanf(digits, "%lx%1s", &value, rest) != 1) return false;
+    *number = static_cast<int32_t>(value);
+    return true;
 }
 
 bool is_equal(const Sides &sides) {
@@ -174,6 +176,7 @@ Names names_in(std::string_view list) {
 
 /** Runs a loop over its body: once for each index, from 0 on, at which at least one of its variables exists. */
 void print_loop(std::string_view prefix, FILE *stream, std::string_view name, std::string_view list, char **lines) {
+    if (prefix.size() > MOST_PREFIX_BYTES) return set_error(NO_MEMORY, "ghsPrintFor");
     std::string variables(list);
     std::erase(variables, ' ');
     const Names names = names_in(variables);
@@ -197,32 +200,41 @@ void print_loop(std::string_view prefix, FILE *stream, std::string_view name, st
     }
 }
 
-/** In a file the body is read from it, and in a loop's body that of an inner loop is what follows. */
-void obey_for(Pass &pass, std::string_view name, std::string_view behind) {
-    const Token list = find_attribute(behind, "loopvars=\"");
-    if (!list) return;
-    const std::string prefix = inner_prefix(pass);
-    if (pass.loop != nullptr) {
-        print_loop(prefix, pass.stream, name, list.inside, pass.loop->nextLine);
-        pass.loop->innerLoop = name;
-        return;
-    }
+/** The body of a file's loop is read from the file. Apart from the loops within it, which don't need its room. */
+[[gnu::noinline]] void obey_for_of_file(const Pass &pass, std::string_view name, std::string_view list) {
     Body body;
     if (read_body(pass.file, std::string(name).c_str(), body.lines)) {
-        print_loop(prefix, pass.stream, name, list.inside, body.lines);
+        print_loop(pass.prefix, pass.stream, name, list, body.lines);
     }
+}
+
+/** In a loop's body that of an inner loop is what follows. An error in there ends this loop too, at once: the lines to
+ *  step over would clear it. */
+Fate obey_for_of_loop(const Pass &pass, std::string_view name, std::string_view list) {
+    print_loop(inner_prefix(pass), pass.stream, name, list, pass.loop->nextLine);
+    pass.loop->innerLoop = name;
+    return ghsErrno == 0 ? Fate::NEXT_LINE : Fate::END;
+}
+
+Fate obey_for(Pass &pass, std::string_view name, std::string_view behind) {
+    const Token list = find_attribute(behind, "loopvars=\"");
+    if (!list) return Fate::NEXT_LINE;
+    if (pass.loop != nullptr) return obey_for_of_loop(pass, name, list.inside);
+    obey_for_of_file(pass, name, list.inside);
+    return Fate::NEXT_LINE;
 }
 
 // ---- The directives that are looked for where lines count, in this order -----------------------------------------------
 
 template <bool (*holds)(const Pass &, std::string_view, std::string_view)>
-void obey_condition(Pass &pass, std::string_view name, std::string_view behind) {
+Fate obey_condition(Pass &pass, std::string_view name, std::string_view behind) {
     if (!holds(pass, name, behind)) pass.skipping.begin_branch(name);
+    return Fate::NEXT_LINE;
 }
 
 struct Directive {
     Spellings opening;
-    void (*obey)(Pass &pass, std::string_view name, std::string_view behind);
+    Fate (*obey)(Pass &pass, std::string_view name, std::string_view behind);
 };
 constexpr Directive directives[] = {
     {{"<!-- #ifdef variable=\"", "<!--#ifdef variable=\""}, obey_condition<holds_defined>},
@@ -231,14 +243,13 @@ constexpr Directive directives[] = {
     {{"<!-- #for loopname=\"", "<!--#for loopname=\""}, obey_for},
 };
 
-bool obey_directive(Pass &pass, std::string_view line) {
+/** PRINT: there is none on the line. */
+Fate obey_directive(Pass &pass, std::string_view line) {
     for (const Directive &directive : directives) {
         const Token found = find_directive(line, directive.opening);
-        if (!found) continue;
-        directive.obey(pass, found.inside, found.behind(line));
-        return true;
+        if (found) return directive.obey(pass, found.inside, found.behind(line));
     }
-    return false;
+    return Fate::PRINT;
 }
 
 /** #endif and #else: they count in a branch that is skipped too, if it is their variable's. */
@@ -327,7 +338,7 @@ Fate genhtml::judge_line(Pass &pass, const char *line, const char *comment) {
     }
     if (has_directive && ends_branch(skipping, comment)) return Fate::NEXT_LINE;
     if (skipping.is_on()) return Fate::NEXT_LINE;
-    return has_directive && obey_directive(pass, comment) ? Fate::NEXT_LINE : Fate::PRINT;
+    return has_directive ? obey_directive(pass, comment) : Fate::PRINT;
 }
 
 int ghsReadFor(FILE *file, const char *name, char **lines) {

@@ -30,6 +30,9 @@ GHS_VARIABLE_HANDLER handler_named(const std::string &kind) {
     static char text[16] = "<$x>";
     if (kind == "$") return [](char *) { return text; };
     if (kind == "pass") return [](char *) -> char * { return nullptr; };
+    if (kind == "fail") {
+        return [](char *) { return ghsReadConfig("none") == 0 ? nullptr : strcpy(text, "failed"); };
+    }
     if (kind == "name") return [](char *asked) { return asked; };
     return [](char *) {
         static int calls;
@@ -222,7 +225,7 @@ TEST(Conditions, CompareNumbersOrTexts) {
         }
     };
     add(true, true,
-        "9 < 10  10 <= 10  10 > f  f >= F  -1 < 1  ffffffff < 0  7fffffff > 0  ffffffff == -1  0x10 == 10");
+        "9 < 10  10 <= 10  10 > f  f >= F  -1 < 1  ffffffff < 0  7fffffff > 0  ffffffff == -1  0x10 == 10  0x == 0");
     add(true, true, "00000010 == 10  000000010 != 10  abc == ABC  xyz == xyz  '' == ''  xyz != xy  xyz != XYZ");
     add(true, true, "abc contains bc  10 contains 1  abc !contains cb  10 !contains 010");
     add(false, false,
@@ -301,6 +304,18 @@ TEST(Limits, OfALoop) {
     expect_page(page);
     page.text = begin + repeated(1025, line) + end;
     page.expected = "(20) ghsReadFor: Too many lines in loop \"l\".\n";
+    expect_page(page);
+}
+
+/** Five hundred loops in each other; a second such file within them is too much. */
+TEST(Limits, OfLoopsInLoops) {
+    const std::string inner = "<!-- #for loopname=\"inner\" loopvars=\"v\" -->\n";
+    Page page{"<!-- #for loopname=\"l\" loopvars=\"v\" -->\n" + repeated(500, inner) +
+                  "in\n<!-- #include file=\"page.html\" -->\n<!-- #endfor loopname=\"l\" -->\n",
+              "in\n(10) ghsPrintFor: Out of memory.\n",
+              {{"v0", ""}}};
+    for (int depth = 0; depth < 170; ++depth) page.variables.emplace_back("v_" + repeated(depth + 1, "0_") + "0", "");
+    page.is_file_only = true;
     expect_page(page);
 }
 
