@@ -17,19 +17,10 @@ constexpr Spellings END_OF_LOOP{"<!-- #endfor loopname=\"", "<!--#endfor loopnam
 constexpr char COMMENT_OPENING[] = "<!--";
 constexpr char DROPPED_END[] = "--->";  // of a comment that opens with one "-" more, and isn't passed on
 
-constexpr size_t MOST_KEY_BYTES = 341;      // of a variable's name in a key, and of a prefix
 constexpr size_t MOST_PREFIX_BYTES = 1024;  // of a prefix itself: each loop around adds 2 or more, and takes stack
 constexpr size_t MOST_VARIABLES = 255;
 constexpr int MOST_LINES = 1023;
 constexpr int LINE_SIZE = 4096;
-
-/** The key of a variable at a loop's index; good until the next call. */
-std::string_view key_of(const Loop &loop, std::string_view name) {
-    static char key[2 * MOST_KEY_BYTES + sizeof "2147483647"];
-    const size_t length = name.copy(key, MOST_KEY_BYTES);  // not memcpy: an empty name may be null
-    loop.keyEnding.copy(key + length, sizeof key - length);
-    return {key, length + loop.keyEnding.size()};
-}
 
 std::string_view text_of(const char *value) { return value != nullptr ? value : ""; }
 
@@ -180,13 +171,12 @@ void print_loop(std::string_view prefix, FILE *stream, std::string_view name, st
     std::string variables(list);
     std::erase(variables, ' ');
     const Names names = names_in(variables);
-    const std::string_view key_prefix = prefix.substr(0, MOST_KEY_BYTES);
 
     Skipping skipping;  // carried from one pass to the next
     Loop loop{.name = name};
     Pass pass{.stream = stream, .prefix = prefix, .skipping = skipping, .loop = &loop};
     for (;; ++loop.index) {
-        loop.keyEnding.assign(key_prefix).append(std::to_string(loop.index));
+        loop.keys.go_to(prefix, loop.index);
         loop.innerLoop.reset();
         const auto exists = [&pass](std::string_view each) { return indexed_variable(pass, each) != nullptr; };
         if (std::none_of(names.begin(), names.end(), exists)) return;
@@ -291,7 +281,7 @@ Token genhtml::find_directive(std::string_view line, const Spellings &opening) {
 }
 
 const char *genhtml::indexed_variable(const Pass &pass, std::string_view name) {
-    return pass.loop != nullptr ? variable(key_of(*pass.loop, name)) : nullptr;
+    return pass.loop != nullptr ? variable(pass.loop->keys.of(name)) : nullptr;
 }
 
 const char *genhtml::variable_of(const Pass &pass, std::string_view name) {
@@ -301,11 +291,11 @@ const char *genhtml::variable_of(const Pass &pass, std::string_view name) {
 
 bool genhtml::has_handler(const Pass &pass, std::string_view name) {
     if (variables.handlers == nullptr) return false;
-    return (pass.loop != nullptr && handler_of(key_of(*pass.loop, name)) != nullptr) || handler_of(name) != nullptr;
+    return (pass.loop != nullptr && handler_of(pass.loop->keys.of(name)) != nullptr) || handler_of(name) != nullptr;
 }
 
 bool genhtml::ask_handlers(const Pass &pass, std::string_view name, std::string &answer) {
-    if (pass.loop != nullptr && ask_handler(key_of(*pass.loop, name), answer)) return true;
+    if (pass.loop != nullptr && ask_handler(pass.loop->keys.of(name), answer)) return true;
     return ask_handler(name, answer);
 }
 

@@ -4,6 +4,8 @@
 #ifndef GENHTML_GHSENGINE_H
 #define GENHTML_GHSENGINE_H
 
+#include <charconv>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -37,12 +39,37 @@ struct Level {
 inline constexpr Level FILE_LEVEL{.nothingIsContained = false, .knowsNoHtml = true};
 inline constexpr Level LOOP_LEVEL{.nothingIsContained = true, .knowsNoHtml = false};
 
+/** The keys of a loop's variables at an index: name, prefix, index. The latter two stand still, and the names are laid
+ *  before them one after the other. */
+class LoopKeys {
+public:
+    void go_to(std::string_view prefix, int index) {
+        char *const digits = ending() + prefix.copy(ending(), MOST_BYTES);
+        length_ = static_cast<size_t>(std::to_chars(digits, std::end(text_), index).ptr - ending());
+    }
+
+    /** Good until the next call. */
+    std::string_view of(std::string_view name) {
+        if (name.size() > MOST_BYTES) name = name.substr(0, MOST_BYTES);
+        char *const start = ending() - name.size();
+        name.copy(start, MOST_BYTES);  // not memcpy: an empty name may be null
+        return {start, name.size() + length_};
+    }
+
+private:
+    char *ending() { return text_ + MOST_BYTES; }
+
+    static constexpr size_t MOST_BYTES = 341;  // of a name, and of a prefix
+    char text_[2 * MOST_BYTES + sizeof "2147483647"];
+    size_t length_ = 0;  // of prefix and index
+};
+
 /** Where a loop is: its body at one index. */
 struct Loop {
     std::string_view name;
     int index = 0;
-    std::string keyEnding = {};  // prefix and index: a variable's name before it is the key of this pass
-    char **nextLine = nullptr;   // behind the current line, where the body of an inner loop begins
+    LoopKeys keys = {};
+    char **nextLine = nullptr;                  // behind the current line, where the body of an inner loop begins
     std::optional<std::string> innerLoop = {};  // the inner loop that was run and whose lines are now stepped over
 };
 
