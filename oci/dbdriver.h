@@ -6,6 +6,8 @@
 #ifndef OCI_DBDRIVER_H
 #define OCI_DBDRIVER_H
 
+#include <chrono>
+
 #include "oci/oci.h"
 
 /** How a step ended. */
@@ -20,12 +22,18 @@ struct DB_ERROR_S {
 /** Fills an error record with a formatted text, cut to its room. Gives DB_FAILED, so that a caller can return it. */
 int db_fail(DB_ERROR_S *error, int number, const char *format, ...) __attribute__((format(printf, 3, 4)));
 
+/** Fills it for a statement that was ended at its deadline. Gives DB_FAILED as well. */
+int db_fail_late(DB_ERROR_S *error);
+
 /** Where to, and as whom. The texts live as long as the call. */
 struct DB_LOGIN_S {
     const char *database;
     const char *user;
     const char *password;
 };
+
+/** By a clock that nobody sets. */
+using DbClock = std::chrono::steady_clock;
 
 /** One column of a select list, as the describe step reports it. */
 struct DB_COLUMN_S {
@@ -56,6 +64,10 @@ struct DB_DRIVER_S {
     int (*commit)(void *connection, DB_ERROR_S *error);                 // DB_DONE also without a transaction
     int (*rollback)(void *connection, DB_ERROR_S *error);               // the same
     void (*finish)(void *statement);
+    /* What runs on the connection fails rather than go on beyond this time, with db_fail_late, or OCIERRBUSY if it
+     * waits for a lock; an end that belongs to the past counts at once. Only rollback goes to its end in any case.
+     * DbClock::time_point::max(), as it is at first: no limit. */
+    void (*set_deadline)(void *connection, DbClock::time_point deadline);
 };
 
 /** The driver of this library; each engine's file defines it. */

@@ -3,6 +3,7 @@
 
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include "oci/statement.h"
@@ -54,6 +55,12 @@ void set_secret(std::string &target, std::string_view value) {
 }
 
 }  // namespace
+
+OCIEnv::OCIEnv() : Handle(TYPE) {
+    constexpr ub4 HARDENED_LIMIT = 5000;
+    const char *const hardened = getenv("VELHARDEN");
+    statementLimit = hardened != nullptr && strcmp(hardened, "1") == 0 ? HARDENED_LIMIT : 0;
+}
 
 OCIEnv::~OCIEnv() {
     each_handle<OCIServer>(
@@ -166,6 +173,12 @@ sword set_password(void *target, void *value, ub4 size, OCIError &) {
     return OCI_SUCCESS;
 }
 
+sword set_statement_limit(void *target, void *value, ub4, OCIError &error) {
+    if (value == nullptr) return call_failed(error, OCIERROTHER, "the attribute's value is missing");
+    memcpy(&static_cast<OCIEnv *>(target)->statementLimit, value, sizeof(ub4));
+    return OCI_SUCCESS;
+}
+
 template <class Number>
 void put_number(void *value, ub4 *size, Number number) {
     memcpy(value, &number, sizeof number);
@@ -197,6 +210,11 @@ sword get_column_name(const void *target, void *value, ub4 *size, OCIError &) {
     return OCI_SUCCESS;
 }
 
+sword get_statement_limit(const void *target, void *value, ub4 *size, OCIError &) {
+    put_number(value, size, static_cast<const OCIEnv *>(target)->statementLimit);
+    return OCI_SUCCESS;
+}
+
 struct Attribute {
     ub4 type;
     ub4 attribute;
@@ -204,6 +222,7 @@ struct Attribute {
     sword (*get)(const void *target, void *value, ub4 *size, OCIError &error);
 };
 constexpr Attribute attributes[] = {
+    {OCI_HTYPE_ENV, OCI_ATTR_STATEMENT_LIMIT, set_statement_limit, get_statement_limit},
     {OCI_HTYPE_SVCCTX, OCI_ATTR_SERVER, set_server, nullptr},
     {OCI_HTYPE_SVCCTX, OCI_ATTR_SESSION, set_session, nullptr},
     {OCI_HTYPE_SESSION, OCI_ATTR_USERNAME, set_user, nullptr},
@@ -256,6 +275,10 @@ int db_fail(DB_ERROR_S *error, int number, const char *format, ...) {
     va_end(arguments);
     error->number = number;
     return DB_FAILED;
+}
+
+int db_fail_late(DB_ERROR_S *error) {
+    return db_fail(error, OCIERROTHER, "the statement was ended: it took longer than a statement may");
 }
 
 sword call_failed(OCIError &error, int number, const char *text) {

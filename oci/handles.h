@@ -30,11 +30,12 @@ struct Handle {
 
 struct OCIEnv : Handle {
     static constexpr ub4 TYPE = OCI_HTYPE_ENV;
-    OCIEnv() : Handle(TYPE) {}
+    OCIEnv();
     ~OCIEnv();
 
     Handle *handles = nullptr;  // all that were made from it
     StatementCache statements;
+    ub4 statementLimit;  // milliseconds; 0: none
 };
 
 struct OCIError : Handle {
@@ -119,6 +120,8 @@ struct OCIStmt : Handle {
 
     std::unique_ptr<Prepared> prepared;
     Cursor cursor = Cursor::NONE;
+    // Of what was executed last.
+    DbClock::time_point deadline = DbClock::time_point::max();
     std::deque<OCIBind> binds;        // by position, the first at 0
     std::deque<OCIDefine> defines;    // the same
     std::size_t definesInUse = 0;     // by this text; what lies behind was left by a wider one

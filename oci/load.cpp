@@ -129,10 +129,16 @@ bool load_first(const char *database, OCI_CALLS_S *calls) {
     return std::ranges::any_of(libraries, [calls](const std::string &path) { return load_library(path, calls); });
 }
 
+// A driver shares no variable with the server.
+void tell_drivers() {
+    if (process_context.hardened != 0) setenv("VELHARDEN", "1", 1);
+}
+
 }  // namespace
 
 int oci_load(const char *database, OCI_CALLS_S *calls) {
     try {
+        tell_drivers();
         return load_first(database, calls) ? 0 : -1;
     } catch (const std::exception &failure) {
         say::not_loaded("a database driver", failure.what());

@@ -66,7 +66,12 @@ enum {
     OCI_ATTR_SESSION = 7,
     OCI_ATTR_PARAM_COUNT = 18,
     OCI_ATTR_USERNAME = 22,
-    OCI_ATTR_PASSWORD = 23
+    OCI_ATTR_PASSWORD = 23,
+
+    /* No published one, known to our drivers only. Of the environment, a ub4: how many milliseconds a statement may
+     * take, waiting for locks included, from its execution to its last fetch; 0: as long as it wants. Where VELHARDEN
+     * is 1 when the environment is made, it begins with 5000, else with 0. */
+    OCI_ATTR_STATEMENT_LIMIT = 0x56480001
 };
 
 /* Modes. */
@@ -145,6 +150,8 @@ typedef struct OCI_CALLS_S {
  *  ../lib beside the program; anything else is a connect identifier for the vendor's client library, taken from
  *  <ORACLE_HOME>/lib/libclntsh.so, else by its plain name on the loader's own path. A library is never taken from
  *  the working directory. A library that was loaded stays loaded; asking for it again costs nothing.
+ *
+ *  If the process is hardened, VELHARDEN=1 is put into the environment: a driver has no other way to learn of it.
  *
  *  @param database  the address; null counts as an empty connect identifier
  *  @param calls     receives the table; untouched on failure

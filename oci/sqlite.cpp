@@ -2,7 +2,7 @@
  * sqliteaddress.cpp, what declarations mean for values and order in sqlitecolumns.cpp.
  *
  * One file, several servers: write-ahead log, a wait of at most five seconds for a lock, and no lock kept beyond a
- * transaction or an open cursor. */
+ * transaction or an open cursor. A statement that has a deadline is ended there, by the engine's own way to interrupt. */
 #include <sqlite3.h>
 
 #include <string.h>
@@ -19,9 +19,9 @@
 #include "oci/sqlitecolumns.h"
 
 namespace {
-using Clock = std::chrono::steady_clock;
 constexpr auto LONGEST_WAIT = std::chrono::seconds(5);  // for a lock
 constexpr int LONGEST_SLEEP = 50;                       // milliseconds
+constexpr int STEPS_BETWEEN_LOOKS = 1000;               // of the engine, at its deadline: some 20 microseconds
 
 // ---- Errors ---------------------------------------------------------------------------------------------------
 
@@ -64,6 +64,7 @@ int number_of(int code, std::string_view text) {
 }
 
 int engine_failed(sqlite3 *database, DB_ERROR_S *error) {
+    if (sqlite3_errcode(database) == SQLITE_INTERRUPT) return db_fail_late(error);
     const char *const text = sqlite3_errmsg(database);
     return db_fail(error, number_of(sqlite3_extended_errcode(database), text), "%s", text);
 }
@@ -82,7 +83,9 @@ struct Closer {
 struct Connection {
     std::unique_ptr<sqlite3, Closer> owner;  // first, so that it goes last
     bool in_transaction = false;             // as far as the caller knows
-    Clock::time_point waits_since;           // for a lock
+    DbClock::time_point waits_since;         // for a lock
+    DbClock::time_point deadline = DbClock::time_point::max();
+    bool is_watched = false;  // the engine looks at the deadline
     EngineStatement begin;
     EngineStatement commit;
     EngineStatement rollback;
@@ -113,10 +116,10 @@ bool run(const Connection &connection, const std::string &sql) {
 // Of several servers that open a new file at once one changes its journal. The others are told at once that it is busy,
 // since they hold a read lock that might stand in the way; the engine's own waiting doesn't apply.
 bool change_journal(const Connection &connection) {
-    const Clock::time_point deadline = Clock::now() + LONGEST_WAIT;
+    const DbClock::time_point deadline = DbClock::now() + LONGEST_WAIT;
     while (!run(connection, "PRAGMA journal_mode=WAL")) {
         const bool is_busy = (sqlite3_extended_errcode(connection.database()) & 0xFF) == SQLITE_BUSY;
-        if (!is_busy || Clock::now() >= deadline) return false;
+        if (!is_busy || DbClock::now() >= deadline) return false;
         sqlite3_sleep(20);
     }
     return true;
@@ -131,8 +134,8 @@ bool run_once(const EngineStatement &statement) {
 // By the clock: the engine's own waiting adds up its sleeps, and each signal cuts one short.
 int goes_on_waiting(void *waiting, int tries) {
     auto *const connection = static_cast<Connection *>(waiting);
-    if (tries == 0) connection->waits_since = Clock::now();
-    if (Clock::now() - connection->waits_since >= LONGEST_WAIT) return 0;
+    if (tries == 0) connection->waits_since = DbClock::now();
+    if (DbClock::now() >= std::min(connection->waits_since + LONGEST_WAIT, connection->deadline)) return 0;
     sqlite3_sleep(std::min(1 + tries, LONGEST_SLEEP));
     return 1;
 }
@@ -204,6 +207,16 @@ void *open(const DB_LOGIN_S *login, DB_ERROR_S *error) {
 
 void close(void *connection) { delete static_cast<Connection *>(connection); }
 
+int is_late(void *watched) { return DbClock::now() >= static_cast<Connection *>(watched)->deadline ? 1 : 0; }
+
+void set_deadline(void *handle, DbClock::time_point deadline) {
+    auto *const connection = static_cast<Connection *>(handle);
+    connection->deadline = deadline;
+    if (connection->is_watched) return;
+    connection->is_watched = true;
+    sqlite3_progress_handler(connection->database(), STEPS_BETWEEN_LOOKS, is_late, connection);
+}
+
 // ---- Transactions ---------------------------------------------------------------------------------------------
 
 bool is_in_transaction(const Connection &connection) { return sqlite3_get_autocommit(connection.database()) == 0; }
@@ -226,6 +239,7 @@ int begin(void *handle, DB_ERROR_S *error) {
 int rollback(void *handle, DB_ERROR_S *error) {
     auto *const connection = static_cast<Connection *>(handle);
     connection->in_transaction = false;
+    connection->deadline = DbClock::time_point::max();
     if (!is_in_transaction(*connection) || run_once(connection->rollback)) return DB_DONE;
     return engine_failed(connection->database(), error);
 }
@@ -476,4 +490,5 @@ const DB_DRIVER_S db_driver = {
     .commit = commit,
     .rollback = rollback,
     .finish = finish,
+    .set_deadline = set_deadline,
 };

@@ -113,6 +113,29 @@ sword deliver_row(const OCIStmt &statement, OCIError &error) {
 
 // ---- Execute --------------------------------------------------------------------------------------------------
 
+/** While it lives, the engine works on a statement that may be limited. One look at the clock serves an execution and
+ *  all of its fetches. */
+class LimitedWork {
+public:
+    LimitedWork(const OCIStmt &statement, void *connection)
+        : connection_(statement.environment->statementLimit != 0 ? connection : nullptr) {
+        if (connection_ != nullptr) db_driver.set_deadline(connection_, statement.deadline);
+    }
+    ~LimitedWork() {
+        if (connection_ != nullptr) db_driver.set_deadline(connection_, DbClock::time_point::max());
+    }
+    LimitedWork(const LimitedWork &) = delete;
+    LimitedWork &operator=(const LimitedWork &) = delete;
+
+private:
+    void *const connection_;  // null: no limit
+};
+
+void begin_limit(OCIStmt &statement) {
+    const std::chrono::milliseconds limit(statement.environment->statementLimit);
+    statement.deadline = limit.count() != 0 ? DbClock::now() + limit : DbClock::time_point::max();
+}
+
 bool reach_engine(Prepared &prepared, void *connection, OCIError &error) {
     if (prepared.engine != nullptr && prepared.connection == connection) return true;
     prepared.release_engine();
@@ -122,10 +145,24 @@ bool reach_engine(Prepared &prepared, void *connection, OCIError &error) {
     return prepared.engine != nullptr;
 }
 
+sword fetch_row(OCIStmt &statement, OCIError &error) {
+    switch (db_driver.fetch(statement.prepared->engine, &error.record)) {
+        case DB_ROW:
+            return deliver_row(statement, error);
+        case DB_NOTHING:
+            statement_end_cursor(statement);
+            statement.cursor = Cursor::AT_END;
+            return OCI_NO_DATA;
+        default:
+            statement_end_cursor(statement);
+            return OCI_ERROR;
+    }
+}
+
 sword run_query(OCIStmt &statement, OCIError &error, ub4 iterations) {
     if (db_driver.execute(statement.prepared->engine, &error.record) == DB_FAILED) return OCI_ERROR;
     statement.cursor = Cursor::OPEN;
-    return iterations == 0 ? OCI_SUCCESS : statement_fetch(statement, error);
+    return iterations == 0 ? OCI_SUCCESS : fetch_row(statement, error);
 }
 
 // Opens a transaction if there is none. One that holds nothing is not kept: it would only be a lock.
@@ -149,6 +186,8 @@ sword run_definition(void *connection, void *engine, OCIError &error) {
 }
 
 sword run_in_engine(OCIStmt &statement, void *connection, OCIError &error, ub4 iterations) {
+    begin_limit(statement);
+    const LimitedWork work(statement, connection);
     if (!reach_engine(*statement.prepared, connection, error)) return OCI_ERROR;
     void *const engine = statement.prepared->engine;
     const bool is_change = statement.prepared->kind == StatementKind::CHANGE;
@@ -226,23 +265,16 @@ sword statement_describe(OCIStmt &statement, void *connection, OCIError &error) 
     if (statement.prepared == nullptr) return call_failed(error, OCIERROTHER, "no statement was prepared");
     statement_end_cursor(statement);
     statement.prepared->release_engine();  // asked anew: the table may have changed since
+    begin_limit(statement);
+    const LimitedWork work(statement, connection);
     return reach_engine(*statement.prepared, connection, error) ? OCI_SUCCESS : OCI_ERROR;
 }
 
 sword statement_fetch(OCIStmt &statement, OCIError &error) {
     if (statement.cursor == Cursor::AT_END) return OCI_NO_DATA;
     if (statement.cursor == Cursor::NONE) return call_failed(error, OCIERROTHER, "no query was executed");
-    switch (db_driver.fetch(statement.prepared->engine, &error.record)) {
-        case DB_ROW:
-            return deliver_row(statement, error);
-        case DB_NOTHING:
-            statement_end_cursor(statement);
-            statement.cursor = Cursor::AT_END;
-            return OCI_NO_DATA;
-        default:
-            statement_end_cursor(statement);
-            return OCI_ERROR;
-    }
+    const LimitedWork work(statement, statement.prepared->connection);
+    return fetch_row(statement, error);
 }
 
 int statement_columns(const OCIStmt &statement) {

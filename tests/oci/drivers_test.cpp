@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <cstdlib>
 #include <random>
+#include <thread>
 
 #include "process/velproc.h"
 #include "tests/oci/ocisession.h"
@@ -344,6 +345,66 @@ TEST_P(Drivers, TellThatTheDatabaseIsBusy) {
     EXPECT_EQ(other.query("SELECT ID FROM T", 1), no_data()) << "reading goes on";
     EXPECT_EQ(db.commit(), success());
     EXPECT_EQ(other.write("INSERT INTO T(ID,NAME) VALUES ('b','x')"), success());
+}
+
+// ---- The time that a statement may take ---------------------------------------------------------------------------------
+
+const std::string endless = "WITH RECURSIVE E(X) AS (SELECT 1 UNION ALL SELECT X+1 FROM E) ";
+
+TEST_P(Drivers, LimitAStatementOnlyWhereTheProcessIsHardened) {
+    EXPECT_EQ(db.limit(), 0u);
+    process_context.hardened = 1;
+    loaded(address);
+    EXPECT_EQ(OciSession(calls).limit(), 5000u);
+    process_context.hardened = 0;
+    unsetenv("VELHARDEN");
+}
+
+TEST_P(Drivers, EndAStatementThatTakesTooLong) {
+    OciSession other{calls};
+    ASSERT_EQ(other.open(address), success());
+    fill({{"a", "x"}});
+    db.limit(200);
+    const std::string count = endless + "SELECT COUNT(*) FROM E";
+    const std::string fill_up = "INSERT INTO T(ID,NAME) " + endless + "SELECT 'n' || X, 'x' FROM E";
+    for (const std::string &sql : {count, fill_up, std::string("UPDATE T SET NOTE=(" + count + ")")}) {
+        const Done ended = db.run(sql);
+        EXPECT_EQ(ended, failure(600)) << sql;
+        EXPECT_NE(ended.text.find("took longer"), std::string::npos) << ended.text;
+        EXPECT_EQ(db.query("SELECT ID,NOTE FROM T", 2), no_data({{"a", "<null>"}}));
+        EXPECT_EQ(other.write("UPDATE T SET NAME='y'"), success()) << "a lock stayed: " << sql;
+        EXPECT_EQ(db.query(endless + "SELECT MAX(X) FROM (SELECT X FROM E LIMIT 300)", 1), no_data({{"300"}}))
+            << "the next statement has its own time";
+    }
+
+    EXPECT_EQ(db.run("DELETE FROM T"), success());
+    EXPECT_EQ(db.run(fill_up), failure(600));
+    EXPECT_EQ(db.commit().status, OCI_ERROR) << "what came before in the transaction went with it";
+    EXPECT_EQ(db.query("SELECT ID FROM T", 1), no_data({{"a"}}));
+}
+
+TEST_P(Drivers, CountAllFetchesOfAStatement) {
+    db.limit(50);
+    OciSession::Target target;
+    db.prepare(endless + "SELECT X FROM E");
+    db.define(1, target);
+    Done done = db.execute(0);
+    while (done.status == OCI_SUCCESS) done = db.fetch(1);
+    EXPECT_EQ(done, failure(600));
+    EXPECT_EQ(db.query("SELECT 1 FROM T", 1), no_data());
+}
+
+TEST_P(Drivers, WaitForALockNoLongerThanAStatementMayTake) {
+    OciSession patient{calls}, limited{calls};
+    ASSERT_EQ(patient.open(address), success());
+    ASSERT_EQ(limited.open(address), success());
+    limited.limit(50);
+    EXPECT_EQ(db.run("INSERT INTO T(ID,NAME) VALUES ('a','x')"), success());
+    std::thread waiting([&] { EXPECT_EQ(patient.write("UPDATE T SET NAME='y'"), success()); });
+    for (const char *sql : {"UPDATE T SET NAME='z'", "DELETE FROM T"}) EXPECT_EQ(limited.run(sql), failure(54));
+    EXPECT_EQ(db.commit(), success()) << "while the other one still waits";
+    waiting.join();
+    EXPECT_EQ(limited.query("SELECT NAME FROM T", 1), no_data({{"y"}}));
 }
 
 TEST_P(Drivers, EndAQueryEarly) {

@@ -69,6 +69,17 @@ public:
         open_ = false;
     }
 
+    /** How many milliseconds a statement may take; 0: as long as it wants. */
+    ub4 limit() {
+        ub4 milliseconds = 1;
+        EXPECT_EQ(oci.OCIAttrGet(env, OCI_HTYPE_ENV, &milliseconds, nullptr, OCI_ATTR_STATEMENT_LIMIT, error),
+                  OCI_SUCCESS);
+        return milliseconds;
+    }
+    void limit(ub4 milliseconds) {
+        set(env, OCI_HTYPE_ENV, &milliseconds, sizeof milliseconds, OCI_ATTR_STATEMENT_LIMIT);
+    }
+
     Done prepare(const std::string &sql) {
         text_ = sql;
         return result(oci.OCIStmtPrepare(statement, error, reinterpret_cast<const OraText *>(text_.c_str()),
