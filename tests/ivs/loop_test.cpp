@@ -1,23 +1,10 @@
 /* The run loop: ticks, packets, bursts, the hour, signals, failed reads, and a wall clock that somebody sets. */
 #include <signal.h>
 #include <string.h>
-#include <sys/time.h>
-#include <time.h>
 
 #include "ivs/ivssrdpi.h"
 #include "tests/packet/sockets.h"
-
-namespace {
-time_t clock_was_set_by = 0;
-}
-
-/** Stands in front of the system's own, so that a test can set the wall clock. */
-extern "C" int gettimeofday(timeval *now, void *) noexcept {
-    timespec real{};
-    clock_gettime(CLOCK_REALTIME, &real);
-    *now = {real.tv_sec + clock_was_set_by, real.tv_nsec / 1000};
-    return 0;
-}
+#include "tests/support/setclock.h"
 
 namespace {
 

@@ -2,7 +2,6 @@
 #ifndef TESTS_PACKET_SOCKETS_H
 #define TESTS_PACKET_SOCKETS_H
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -15,6 +14,7 @@
 #include "packet/packet.h"
 #include "process/owned.h"
 #include "process/velproc.h"
+#include "tests/support/addresses.h"
 #include "tests/support/child.h"
 #include "tests/support/rootfolder.h"
 
@@ -41,13 +41,6 @@ protected:
         work();
         return testing::internal::GetCapturedStdout();
     }
-    static PacketAddress name_of(int socket) {
-        PacketAddress address{};
-        socklen_t size = sizeof address;
-        getsockname(socket, reinterpret_cast<sockaddr *>(&address), &size);
-        return address;
-    }
-    static uint16_t port_of(int socket) { return ntohs(name_of(socket).sin_port); }
 
     /** A socket with an error waiting: it has sent to a port at which nobody listens. */
     static OwnedFd refused_socket() {

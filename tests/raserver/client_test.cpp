@@ -23,6 +23,7 @@
 #include "process/owned.h"
 #include "process/velproc.h"
 #include "raserver/raserver.h"
+#include "tests/support/addresses.h"
 #include "tests/support/child.h"
 
 namespace {
@@ -64,19 +65,14 @@ public:
     explicit FakeServer(Work work)
         : work_(std::move(work)),
           own_(loopback_socket()),
-          strangers_{loopback_socket(), loopback_socket(INADDR_LOOPBACK + 1, port())} {
+          strangers_{loopback_socket(), loopback_socket("127.0.0.2", port())} {
         const timeval often{0, 20000};
         setsockopt(own_.get(), SOL_SOCKET, SO_RCVTIMEO, &often, sizeof often);
         thread_ = std::thread([this] { serve(); });
     }
     ~FakeServer() { stop(); }
 
-    uint16_t port() const {
-        sockaddr_in address{};
-        socklen_t size = sizeof address;
-        getsockname(own_.get(), reinterpret_cast<sockaddr *>(&address), &size);
-        return ntohs(address.sin_port);
-    }
+    uint16_t port() const { return port_of(own_.get()); }
     /** Ends the thread and gives all datagrams that came. */
     const Strings &stop() {
         stopping_ = true;
@@ -90,13 +86,10 @@ public:
     }
 
 private:
-    static OwnedFd loopback_socket(uint32_t ip = INADDR_LOOPBACK, uint16_t port = 0) {
+    static OwnedFd loopback_socket(const char *ip = "127.0.0.1", uint16_t port = 0) {
         OwnedFd made(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(ip);
-        address.sin_port = htons(port);
-        if (bind(made.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) abort();
+        const sockaddr_in address = address_of(ip, port);
+        if (bind(made.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) abort();
         return made;
     }
     void send(const OwnedFd &from, const std::string &datagram) const {

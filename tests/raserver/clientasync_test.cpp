@@ -10,6 +10,7 @@
 #include "process/owned.h"
 #include "process/velproc.h"
 #include "raserver/raserver.h"
+#include "tests/support/addresses.h"
 #include "tests/support/bytes.h"
 #include "tests/support/child.h"
 #include "tests/support/testclient.h"
@@ -18,13 +19,6 @@ namespace {
 
 using Callback = std::function<void(RA_REQUEST_S *request, int result)>;
 void call(RA_REQUEST_S *request, void *user, int result) { (*static_cast<Callback *>(user))(request, result); }
-
-PacketAddress name_of(const OwnedFd &socket) {
-    PacketAddress address{};
-    socklen_t size = sizeof address;
-    getsockname(socket.get(), reinterpret_cast<sockaddr *>(&address), &size);
-    return address;
-}
 
 class AsyncClient : public testing::Test {
 protected:
@@ -79,7 +73,7 @@ protected:
     static constexpr time_t START = 1000000000;
     const OwnedFd server{packet_clt_socket_ip(htonl(INADDR_LOOPBACK))};
     OwnedFd own{packet_clt_socket_ip(htonl(INADDR_LOOPBACK))};
-    const PacketAddress peer = name_of(server);
+    const PacketAddress peer = name_of(server.get());
     RA_CLIENT_S *client;
 
 private:
@@ -111,7 +105,7 @@ TEST_F(AsyncClient, HasEachOfTwoHundredCallbacksCalledOnce) {
     std::vector<size_t> order(OPEN);
     for (size_t at = 0; at < OPEN; ++at) order[at] = at;
     std::shuffle(order.begin(), order.end(), random);
-    const auto stranger = name_of(own);
+    const auto stranger = name_of(own.get());
     for (const size_t number : order) {
         const std::string &request = requests[number];
         deliver(answer(request, {"stranger"}), stranger);

@@ -12,6 +12,7 @@
 
 #include "process/velproc.h"
 #include "raserver/raserveri.h"
+#include "tests/support/addresses.h"
 #include "tests/support/testclient.h"
 
 namespace {
@@ -23,21 +24,6 @@ void call_hook(RA_SESSION_S *session, int argc, char **argv) { hook(session, arg
 
 int periodic_calls;
 void count_periodic(struct timeval *) { ++periodic_calls; }
-
-PacketAddress address_of(const char *ip, uint16_t port) {
-    PacketAddress address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    inet_pton(AF_INET, ip, &address.sin_addr);
-    return address;
-}
-
-uint16_t port_of(int fd) {
-    PacketAddress address{};
-    socklen_t size = sizeof address;
-    getsockname(fd, reinterpret_cast<sockaddr *>(&address), &size);
-    return ntohs(address.sin_port);
-}
 
 /** The server record with one socket of ours; the peer's socket takes what is sent to any 127.x.x.x. */
 class Core : public testing::Test {

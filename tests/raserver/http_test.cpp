@@ -13,6 +13,8 @@
 #include "process/velproc.h"
 #include "raserver/raserveri.h"
 
+#include "tests/support/addresses.h"
+
 namespace {
 
 /** A request that is fed by hand, without a socket. */
@@ -178,9 +180,7 @@ protected:
         return holds();
     }
     static OwnedFd connected() {
-        PacketAddress address{};
-        socklen_t size = sizeof address;
-        getsockname(ra_server.tcpSocket, reinterpret_cast<sockaddr *>(&address), &size);
+        const PacketAddress address = name_of(ra_server.tcpSocket);
         return OwnedFd(packet_clt_connect(0, &address));
     }
     static OwnedFd sent(const std::string &bytes) {

@@ -99,16 +99,7 @@ TEST_F(Requests, CutsARequestAtFifteenHundredStrings) {
 }
 
 TEST_F(Requests, FitsAReplyOf31999BytesAndNoMore) {
-    std::string columns, values;
-    Strings request{"DB", "G", "WIDE", "ID", "1"};
-    for (int column = 1; column <= 8; ++column) {  // 2 bytes for "0", then 7 * 4001 and 3990 for the last
-        const std::string name = "C" + std::to_string(column);
-        columns += ", " + name + " TEXT";
-        values += ", substr(hex(zeroblob(2000)), 1, " + std::to_string(column == 8 ? 3989 : 4000) + ")";
-        request.push_back(name);
-    }
-    server.sql("CREATE TABLE WIDE (ID VARCHAR2(4) PRIMARY KEY" + columns + "); INSERT INTO WIDE VALUES (1" + values +
-               ")");
+    const Strings request = server.make_largest_reply();
     const Reply full = anna.ask(1, request);
     EXPECT_EQ(full.datagram.size(), 7u + 31999u);
     EXPECT_EQ(full.strings.size(), 9u);

@@ -6,19 +6,9 @@
 
 #include "process/velproc.h"
 #include "raserver/raserver.h"
+#include "tests/support/addresses.h"
+#include "tests/support/setclock.h"
 #include "tests/support/testclient.h"
-
-namespace {
-time_t clock_was_set_by = 0;
-}
-
-/** Stands in front of the system's own, so that a test can set the wall clock. */
-extern "C" int gettimeofday(timeval *now, void *) noexcept {
-    timespec real{};
-    clock_gettime(CLOCK_REALTIME, &real);
-    *now = {real.tv_sec + clock_was_set_by, real.tv_nsec / 1000};
-    return 0;
-}
 
 namespace {
 
@@ -83,10 +73,7 @@ protected:
         process_context.running = 1;
         process_context.silent = 1;
         seen.udp = packet_srv_bound_socket(htonl(INADDR_LOOPBACK), 0);
-        PacketAddress address{};
-        socklen_t size = sizeof address;
-        getsockname(seen.udp, reinterpret_cast<sockaddr *>(&address), &size);
-        client = std::make_unique<TestClient>(ntohs(address.sin_port));
+        client = std::make_unique<TestClient>(port_of(seen.udp));
     }
     void TearDown() override { close(seen.udp); }
 

@@ -18,6 +18,8 @@
 #include <sstream>
 #include <thread>
 
+#include "tests/support/addresses.h"
+
 namespace {
 using namespace std::chrono_literals;
 constexpr auto START_DEADLINE = 60s;  // generous: sanitizers, and other tests on the same two cores
@@ -49,11 +51,8 @@ int exit_code(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -WT
 
 bool is_free(const char *host, uint16_t port) {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    inet_pton(AF_INET, host, &address.sin_addr);
-    const bool bound = bind(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0;
+    const sockaddr_in address = address_of(host, port);
+    const bool bound = bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
     close(fd);
     return bound;
 }
@@ -204,6 +203,19 @@ void ServerProcess::kill() {
 
 void ServerProcess::signal(int number) const {
     if (pid_ > 0) ::kill(pid_, number);
+}
+
+Strings ServerProcess::make_largest_reply() const {
+    std::string columns, values;
+    Strings request{"DB", "G", "WIDE", "ID", "1"};
+    for (int column = 1; column <= 8; ++column) {  // 2 bytes for "0", then 7 * 4001 and 3990 for the last
+        const std::string name = "C" + std::to_string(column);
+        columns += ", " + name + " TEXT";
+        values += ", substr(hex(zeroblob(2000)), 1, " + std::to_string(column == 8 ? 3989 : 4000) + ")";
+        request.push_back(name);
+    }
+    sql("CREATE TABLE WIDE (ID VARCHAR2(4) PRIMARY KEY" + columns + "); INSERT INTO WIDE VALUES (1" + values + ")");
+    return request;
 }
 
 void ServerProcess::wait_idle() const {

@@ -64,6 +64,10 @@ public:
     /** The first value of the first row; "NULL" for none. */
     std::string value(const std::string &text) const;
 
+    /** Makes a table WIDE with a record that fills a reply to the last byte, 31,999 behind the header; gives the
+     *  request for it. The last of its columns, C1 to C8, holds 3989 zeros. */
+    Strings make_largest_reply() const;
+
     /** Waits until the server sleeps, so that a signal meets it between two events. */
     void wait_idle() const;
 

@@ -8,16 +8,10 @@
 #include <unistd.h>
 #include <cstring>
 
+#include "tests/support/addresses.h"
+
 namespace {
 constexpr size_t HEADER = 7;
-
-sockaddr_in address_of(const char *host, uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    inet_pton(AF_INET, host, &address.sin_addr);
-    return address;
-}
 
 std::string ping_of(uint32_t number) { return "\x97" + std::to_string(number); }
 std::string pong_of(uint32_t number) { return "\x98" + std::to_string(number); }
@@ -110,9 +104,7 @@ bool TestClient::is_served() {
 }
 
 std::string TestClient::name() const {
-    sockaddr_in own{};
-    socklen_t size = sizeof own;
-    getsockname(socket_, reinterpret_cast<sockaddr *>(&own), &size);
+    const sockaddr_in own = name_of(socket_);
     char quad[INET_ADDRSTRLEN];
     inet_ntop(AF_INET, &own.sin_addr, quad, sizeof quad);
     return std::string(quad) + ":" + std::to_string(ntohs(own.sin_port));

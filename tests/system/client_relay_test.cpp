@@ -12,6 +12,7 @@
 #include "process/owned.h"
 #include "process/velproc.h"
 #include "raserver/raserver.h"
+#include "tests/support/addresses.h"
 #include "tests/support/badline.h"
 #include "tests/support/bytes.h"
 #include "tests/support/child.h"
@@ -23,24 +24,17 @@ constexpr int UPDATES = 5000;
 
 OwnedFd loopback_socket() { return OwnedFd(packet_clt_socket_ip(htonl(INADDR_LOOPBACK))); }
 
-PacketAddress name_of(const OwnedFd &socket) {
-    PacketAddress address{};
-    socklen_t size = sizeof address;
-    getsockname(socket.get(), reinterpret_cast<sockaddr *>(&address), &size);
-    return address;
-}
-
 /** Stands between clients and the server, in a process of its own. Each client has a socket of its own towards the
  *  server, as it would have without the relay. */
 class Relay {
 public:
     Relay(uint16_t server_port, const Badness &badness, Seeded &random)
-        : badness_(badness), random_(random), server_(name_of(front_)), child_([=, this](Child &) {
+        : badness_(badness), random_(random), server_(name_of(front_.get())), child_([=, this](Child &) {
               server_.sin_port = htons(server_port);
               for (;;) turn();
               return 0;
           }) {}
-    uint16_t port() const { return ntohs(name_of(front_).sin_port); }
+    uint16_t port() const { return port_of(front_.get()); }
 
 private:
     struct Peer {
@@ -53,16 +47,6 @@ private:
     }
     static long milliseconds() {
         return static_cast<long>(std::chrono::steady_clock::now().time_since_epoch() / std::chrono::milliseconds(1));
-    }
-    template <class Take>
-    static void drain(int socket, Take take) {
-        char bytes[2000];
-        PacketAddress from{};
-        socklen_t size = sizeof from;
-        for (ssize_t length; (length = recvfrom(socket, bytes, sizeof bytes, MSG_DONTWAIT,
-                                                reinterpret_cast<sockaddr *>(&from), &size)) >= 0;) {
-            take(std::string(bytes, static_cast<size_t>(length)), from);
-        }
     }
     Peer &peer_at(const PacketAddress &address) {
         Peer &peer = peers_[address.sin_port];

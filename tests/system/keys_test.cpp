@@ -82,16 +82,7 @@ TEST_F(Keys, OfThePeerSealTheReply) {
 }
 
 TEST_F(Keys, SealTheLargestReply) {
-    std::string columns, values;
-    Strings request{"DB", "G", "WIDE", "ID", "1"};
-    for (int column = 1; column <= 8; ++column) {  // 2 bytes for "0", then 7 * 4001 and 3990: 31999
-        const std::string name = "C" + std::to_string(column);
-        columns += ", " + name + " TEXT";
-        values += ", substr(hex(zeroblob(2000)), 1, " + std::to_string(column == 8 ? 3989 : 4000) + ")";
-        request.push_back(name);
-    }
-    server.sql("CREATE TABLE WIDE (ID VARCHAR2(4) PRIMARY KEY" + columns + "); INSERT INTO WIDE VALUES (1" + values +
-               ")");
+    const Strings request = server.make_largest_reply();
     const std::string datagram = server_key.sealed(request_datagram(7, request));
     EXPECT_EQ(clear_key.opened(clear_peer.answer(datagram)).value_or("").size(), 17u + 7u + 31999u);
     const std::string sealed = cipher_peer.answer(datagram);

@@ -75,12 +75,7 @@ public:
     Side(const Side &) = delete;
     Side &operator=(const Side &) = delete;
 
-    PacketAddress address() const {
-        PacketAddress address{};
-        socklen_t size = sizeof address;
-        getsockname(socket_.get(), reinterpret_cast<sockaddr *>(&address), &size);
-        return address;
-    }
+    PacketAddress address() const { return name_of(socket_.get()); }
     /** Has the side do its tick; when this returns, all that it sent has arrived. */
     void run(int tick) {
         ASSERT_EQ(write(ends_[0], &tick, sizeof tick), static_cast<ssize_t>(sizeof tick));
@@ -129,18 +124,6 @@ private:
     }
     BadLine line_;
 };
-
-/** The datagrams that have arrived at a socket. */
-template <class Take>
-void drain(int socket, Take take) {
-    char bytes[2000];
-    PacketAddress from{};
-    socklen_t size = sizeof from;
-    for (ssize_t length; (length = recvfrom(socket, bytes, sizeof bytes, MSG_DONTWAIT,
-                                            reinterpret_cast<sockaddr *>(&from), &size)) >= 0;) {
-        take(std::string(bytes, static_cast<size_t>(length)), from);
-    }
-}
 
 class OverABadLine : public SocketTest {
 protected:

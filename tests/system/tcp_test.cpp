@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "process/owned.h"
+#include "tests/support/addresses.h"
 #include "tests/support/serverprocess.h"
 
 namespace {
@@ -19,14 +20,9 @@ using namespace std::chrono_literals;
 /** A connection from some address of this machine; not open if the server did not take it. */
 OwnedFd connected(uint16_t port, const char *from = "127.0.0.1") {
     OwnedFd client(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    inet_pton(AF_INET, from, &address.sin_addr);
-    auto *plain = reinterpret_cast<sockaddr *>(&address);
-    EXPECT_EQ(bind(client.get(), plain, sizeof address), 0);
-    inet_pton(AF_INET, "127.0.0.1", &address.sin_addr);
-    address.sin_port = htons(port);
-    if (connect(client.get(), plain, sizeof address) != 0) client.reset();
+    const sockaddr_in own = address_of(from, 0), server = address_of("127.0.0.1", port);
+    EXPECT_EQ(bind(client.get(), reinterpret_cast<const sockaddr *>(&own), sizeof own), 0);
+    if (connect(client.get(), reinterpret_cast<const sockaddr *>(&server), sizeof server) != 0) client.reset();
     const timeval patience{20, 0};
     setsockopt(client.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     return client;
