@@ -142,20 +142,6 @@ TEST_F(Requests, RefusesUnknownTypesWithACopy) {
     EXPECT_TRUE(log.saw(" Length 0 packets    1\n"));
 }
 
-TEST_F(Requests, CountsInTheStatusPrint) {
-    anna.ask(7, one_visit);
-    anna.ask(7, one_visit);
-    anna.ask(8, one_visit, 4);
-    const LogWatch log = server.watch();
-    server.wait_idle();
-    server.signal(SIGUSR1);
-    ASSERT_TRUE(log.wait_for(" Unknown             0\n"));
-    for (const char *line : {"Total sessions ever: 2\n", "Current sessions:    2\n", " UDP requests        2\n",
-                             " UDP replays         1\n"}) {
-        EXPECT_TRUE(log.saw(line)) << line << log.text();
-    }
-}
-
 TEST_F(Requests, TakeAnAccessKeyOff) {
     const std::string prefix = packet(164, std::string("0123456789\0\1\2\3\4\5", 16));
     EXPECT_EQ(reply_strings(anna.answer(prefix + request_datagram(1, one_visit))), (Strings{"0", "00000010"}));

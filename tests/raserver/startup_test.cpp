@@ -100,10 +100,11 @@ TEST(Start, GivesEachServerOfANameItsOwnSlot) {
     EXPECT_EQ(std::stoi(first.root().read("status/" + first.name() + ".1")), first.pid()) << "the free slot is taken";
 }
 
-TEST(Status, IsPrintedOnceForEachSignal) {
+TEST(Status, IsPrintedOnceForEachSignalAndCounts) {
     ServerProcess server;
+    TestClient client(server.port());
     const std::string port = std::to_string(server.port());
-    for (int round = 1; round <= 2; ++round) {
+    for (const Strings &counts : {Strings{"0", "0", "0"}, Strings{"2", "2", "1"}}) {
         const LogWatch log = server.watch();
         server.wait_idle();
         server.signal(SIGUSR1);
@@ -111,9 +112,13 @@ TEST(Status, IsPrintedOnceForEachSignal) {
         expect_in_order(
             log.text(),
             {" Caught signal USR1\n", "\nRA server status at ", "STARTED = ", "FILE    = " + server.name() + "\n",
-             "VERSION = 51010\n", "COMPILED= ", "PORT USED:           " + port + "\n", "Total sessions ever: 0\n",
-             "Current sessions:    0\n", "Packets received:\n", " Length 0 packets    0\n",
-             " UDP requests        0\n", " UDP replays         0\n", " Unknown             0\n"});
+             "VERSION = 51010\n", "COMPILED= ", "PORT USED:           " + port + "\n",
+             "Total sessions ever: " + counts[0] + "\n", "Current sessions:    " + counts[0] + "\n",
+             "Packets received:\n", " Length 0 packets    0\n", " UDP requests        " + counts[1] + "\n",
+             " UDP replays         " + counts[2] + "\n", " Unknown             0\n"});
+        const Strings request{"DB", "G", "T", "ID", "1", "A"};
+        for (const uint32_t number : {7, 7}) client.ask(number, request);
+        client.ask(8, request, 4);
     }
     EXPECT_EQ(server.stop(), 0);
     EXPECT_EQ(occurrences(server.log(), "\nRA server status at "), 2);

@@ -1,5 +1,5 @@
-/* Signals to a real server in its daemon form: while requests pour in, while it is blocked in the database, and while
- * its log is turned over. Every request is answered, and every line stands whole in exactly one file.
+/* Signals to a real server in its daemon form: while requests pour in, and while it is blocked in the database. Every
+ * request is answered, and every line stands whole in exactly one place.
  *
  * VELMORA_STORM_SECONDS makes the storm longer. */
 #include <gtest/gtest.h>
@@ -10,7 +10,6 @@
 #include <regex>
 #include <set>
 #include <sstream>
-#include <thread>
 
 #include "tests/support/child.h"
 #include "tests/support/serverprocess.h"
@@ -126,30 +125,6 @@ TEST_F(SignalledServer, ServesThemWhileItIsBlockedInTheDatabase) {
     EXPECT_EQ(server.value("SELECT NAME FROM T"), "new");
     EXPECT_EQ(server.stop(), 0);
     expect_whole_lines_once(0);
-}
-
-TEST_F(SignalledServer, TurnsItsLogOverUnderLoad) {
-    constexpr int TURNS = 50;
-    std::atomic<bool> goes_on = true;
-    int number = 0, wrong = 0;
-    std::thread load([&] {
-        TestClient client(server.port());
-        while (goes_on) wrong += !ask(client, ++number);
-    });
-    const std::string path = server.root().path("log/" + server.name());
-    bool is_new = true;
-    for (int turn = 0; turn < TURNS && is_new; turn++) {
-        fs::rename(path, server.root().path("log/old." + std::to_string(turn)));
-        const LogWatch log = server.watch();
-        server.signal(SIGHUP);
-        is_new = log.wait_for("no such table");  // a request came in between
-    }
-    goes_on = false;
-    load.join();
-    EXPECT_TRUE(is_new) << "no new log";
-    EXPECT_EQ(wrong, 0);
-    EXPECT_EQ(server.stop(), 0);
-    expect_whole_lines_once(number);
 }
 
 }  // namespace
