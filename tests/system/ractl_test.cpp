@@ -27,6 +27,7 @@ struct Server {
     const char *mark;  // in front of the key
     Strings options;
 };
+void PrintTo(const Server &server, std::ostream *out) { *out << server.name; }
 class Tool : public testing::TestWithParam<Server> {
 protected:
     Tool() {
