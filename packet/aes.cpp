@@ -88,14 +88,7 @@ void run_blocks(const uint32_t *schedule, const uint8_t *in, uint8_t *out, size_
 
 template <class Way>
 void run(const uint32_t *schedule, int rounds, const uint8_t *in, uint8_t *out, size_t blocks) {
-    switch (rounds) {
-        case 10:
-            return run_blocks<Way, 10>(schedule, in, out, blocks);
-        case 12:
-            return run_blocks<Way, 12>(schedule, in, out, blocks);
-        default:
-            return run_blocks<Way, 14>(schedule, in, out, blocks);
-    }
+    with_rounds(rounds, [&](auto count) { run_blocks<Way, count>(schedule, in, out, blocks); });
 }
 
 inline uint32_t substituted(uint32_t word) { return substituted(aes::ENCIPHER.plain, word, word, word, word); }
@@ -116,14 +109,7 @@ void expand_words(uint32_t *schedule, const uint8_t *key) {
 }
 
 void expand_by_tables(uint32_t *schedule, const uint8_t *key, int rounds) {
-    switch (rounds) {
-        case 10:
-            return expand_words<4>(schedule, key);
-        case 12:
-            return expand_words<6>(schedule, key);
-        default:
-            return expand_words<8>(schedule, key);
-    }
+    with_rounds(rounds, [&](auto count) { expand_words<count - 6>(schedule, key); });
 }
 
 /** Inverse column mixing alone: the tables substitute as well, which the S-box in front of them takes back. */

@@ -81,14 +81,7 @@ WITH_AES void run_blocks(const uint32_t *schedule, const uint8_t *in, uint8_t *o
 
 template <class Way>
 void run(const uint32_t *schedule, int rounds, const uint8_t *in, uint8_t *out, size_t blocks) {
-    switch (rounds) {
-        case 10:
-            return run_blocks<Way, 10>(schedule, in, out, blocks);
-        case 12:
-            return run_blocks<Way, 12>(schedule, in, out, blocks);
-        default:
-            return run_blocks<Way, 14>(schedule, in, out, blocks);
-    }
+    with_rounds(rounds, [&](auto count) { run_blocks<Way, count>(schedule, in, out, blocks); });
 }
 
 /** The key of the next round. The last round of the cipher, on four equal columns, is a plain substitution. */

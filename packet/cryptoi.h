@@ -5,6 +5,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <type_traits>
 
 #include "packet/crypto.h"
 #include "process/owned.h"
@@ -21,6 +22,19 @@ struct AesPath {
 extern const AesPath aes_by_tables;
 extern const AesPath aes_by_instructions;  // to be used only if...
 bool aes_has_instructions();
+
+/** Calls work(rounds) with a number that the compiler knows, so that the loop over the rounds can be unrolled. */
+template <class Work>
+inline void with_rounds(int rounds, Work work) {
+    switch (rounds) {
+        case 10:
+            return work(std::integral_constant<size_t, 10>());
+        case 12:
+            return work(std::integral_constant<size_t, 12>());
+        default:
+            return work(std::integral_constant<size_t, 14>());
+    }
+}
 
 /** The faster one of those that this processor knows. */
 const AesPath &aes_path();
