@@ -7,6 +7,7 @@
 
 #include "gateway/vlsql.h"
 #include "raserver/raserver.h"
+#include "tests/support/captured.h"
 #include "tests/support/child.h"
 #include "tests/support/rootfolder.h"
 #include "tests/support/testclient.h"
@@ -35,10 +36,7 @@ void start(Strings options) {
 /** What a minute brings, and what it wrote. */
 std::string minute() {
     timeval now{};
-    testing::internal::CaptureStdout();
-    raEventPeriodic(&now);
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
+    return told([&] { raEventPeriodic(&now); });
 }
 
 /** Serves a request without a socket; no strings mean that it was refused. */

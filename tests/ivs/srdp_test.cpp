@@ -94,18 +94,10 @@ protected:
         memcpy(&word, bytes_of(packet.substr(2, 4)).data(), sizeof word);
         return word;
     }
-    static std::string printed() {
-        char *text = nullptr;
-        size_t size = 0;
-        FILE *const stream = open_memstream(&text, &size);
-        ivs_srdp_print(stream);
-        fclose(stream);
-        return OwnedBlock<char>(text).get();
-    }
     /** The running totals in their order: PAR RER ACR ARR, PAS TIM CAN RES, PPE MPE. */
     static Totals totals() {
         Totals numbers;
-        std::istringstream words(printed());
+        std::istringstream words(printed(ivs_srdp_print));
         for (std::string word; words >> word;) {
             if (isdigit(word[0]) != 0) numbers.push_back(std::stoul(word));
         }
@@ -421,7 +413,7 @@ TEST_F(Srdp, ReportsTheMinuteWithoutTheSecondInProgress) {
     EXPECT_EQ(srdp_stats_at(T + 2, 2)[SRDP_SECOND], 0U);
     EXPECT_EQ(srdp_stats_at(T + 1, -5)[SRDP_PAS], 3U) << "held to one second";
 
-    EXPECT_EQ(printed(),
+    EXPECT_EQ(printed(ivs_srdp_print),
               "\nSRDP statistics:\n"
               "  SRDPDataPackets received:     2\n  SRDPDataReplays received:     1\n"
               "  SRDPAckPackets received:      2\n  SRDPAckReplays received:      0\n"

@@ -15,6 +15,7 @@
 #include "process/owned.h"
 #include "process/velproc.h"
 #include "tests/support/addresses.h"
+#include "tests/support/captured.h"
 #include "tests/support/child.h"
 #include "tests/support/rootfolder.h"
 
@@ -34,13 +35,6 @@ protected:
     ~SocketTest() override { process_context = before_; }
 
     RootFolder root;
-
-    /** The lines that the work wrote. */
-    static std::string told(const std::function<void()> &work) {
-        testing::internal::CaptureStdout();
-        work();
-        return testing::internal::GetCapturedStdout();
-    }
 
     /** A socket with an error waiting: it has sent to a port at which nobody listens. */
     static OwnedFd refused_socket() {

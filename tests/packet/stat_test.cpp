@@ -1,7 +1,6 @@
 /* Statistics: the classifier, totals, the ring of seconds, the table by type, and the report. Times are given. */
 #include "packet/stati.h"
 
-#include <stdlib.h>
 
 #include "tests/packet/sockets.h"
 #include "tests/support/bytes.h"
@@ -42,13 +41,7 @@ Counts take(int type, PacketSide side = PACKET_REMOTE) {
 }
 
 std::string report(time_t (*clock)(time_t *)) {
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *stream = open_memstream(&text, &size);
-    packet_stat_report(stream, clock);
-    fclose(stream);
-    const OwnedBlock<char> owned(text);
-    return text;
+    return printed([clock](FILE *stream) { packet_stat_report(stream, clock); });
 }
 
 /** The first numbers of the report behind these labels. */

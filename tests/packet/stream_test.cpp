@@ -62,17 +62,12 @@ protected:
     }
     /** Calls, fails, packets and bytes of reads, then of sends, as the report has them. */
     static std::string counts() {
-        char *text = nullptr;
-        size_t size = 0;
-        FILE *stream = open_memstream(&text, &size);
-        packet_statistics(stream);
-        fclose(stream);
-        const OwnedBlock<char> owned(text);
+        const std::string text = printed(packet_statistics);
         std::string numbers;
         for (const char *label :
              {"packet_read calls ", "packet_read fails ", "packets received  ", "bytes received    ",
               "sendto calls      ", "sendto fails      ", "packets sent      ", "bytes sent        "})
-            numbers += std::to_string(atol(strstr(text, label) + 18)) + " ";
+            numbers += std::to_string(atol(strstr(text.c_str(), label) + 18)) + " ";
         return numbers;
     }
 };

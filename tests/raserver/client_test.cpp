@@ -1,5 +1,4 @@
 /* The client library's blocking request, against a server that answers as each test tells it. */
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>

@@ -13,6 +13,7 @@
 #include "process/velproc.h"
 #include "raserver/raserveri.h"
 #include "tests/support/addresses.h"
+#include "tests/support/captured.h"
 #include "tests/support/testclient.h"
 
 namespace {
@@ -194,9 +195,9 @@ TEST_F(Core, ReportsDroppedSessionsOnceAMinute) {
     ra_limits.sessions = 2;
     process_context.silent = 0;
     const auto lines_of_flood = [this](time_t seconds) {
-        testing::internal::CaptureStdout();
-        for (uint32_t id = 0; id < 50; ++id) deliver(seconds, request_datagram(id + 100 * seconds, {}, 4));
-        const std::string text = testing::internal::GetCapturedStdout();
+        const std::string text = told([&] {
+            for (uint32_t id = 0; id < 50; ++id) deliver(seconds, request_datagram(id + 100 * seconds, {}, 4));
+        });
         return std::count(text.begin(), text.end(), '\n');
     };
     EXPECT_EQ(lines_of_flood(1), 1);
@@ -224,14 +225,7 @@ TEST_F(Core, CallsThePeriodicHookAtItsInterval) {
 
 /** What a status print writes. */
 std::string status_text(timeval *now) {
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *stream = open_memstream(&text, &size);
-    raserver_status(&ra_server, now, stream);
-    fclose(stream);
-    std::string copy(text, size);
-    free(text);
-    return copy;
+    return printed([now](FILE *stream) { raserver_status(&ra_server, now, stream); });
 }
 
 TEST_F(Core, PrintsTheStatusOnceForEachWish) {

@@ -14,6 +14,7 @@
 #include "raserver/raserveri.h"
 
 #include "tests/support/addresses.h"
+#include "tests/support/captured.h"
 
 namespace {
 
@@ -58,12 +59,6 @@ protected:
         process_context.silent = 0;
     }
     ~HttpRequest() override { process_context = before; }
-
-    static std::string told(const std::function<void()> &work) {
-        testing::internal::CaptureStdout();
-        work();
-        return testing::internal::GetCapturedStdout();
-    }
 
 private:
     char name_[5] = "test";

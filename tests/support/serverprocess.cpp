@@ -1,7 +1,6 @@
 /* Starts, watches and ends the real server for a test. */
 #include "tests/support/serverprocess.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>

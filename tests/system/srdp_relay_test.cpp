@@ -33,16 +33,11 @@ timeval time_of(int tick) {
 
 /** The totals as the status print gives them. */
 std::string totals() {
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *const stream = open_memstream(&text, &size);
-    ivs_srdp_print(stream);
-    fclose(stream);
+    const std::string text = printed(ivs_srdp_print);
     std::string numbers;
-    for (const char *colon = text; (colon = strstr(colon, ": ")) != nullptr; colon++) {
+    for (const char *colon = text.c_str(); (colon = strstr(colon, ": ")) != nullptr; colon++) {
         numbers += std::to_string(strtoul(colon + 1, nullptr, 10)) + " ";
     }
-    free(text);
     return numbers;
 }
 

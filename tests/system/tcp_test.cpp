@@ -1,5 +1,4 @@
 /* The TCP port of the real server: what opens it, and that no client of it disturbs the others or the datagrams. */
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
