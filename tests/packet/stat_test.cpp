@@ -1,7 +1,6 @@
 /* Statistics: the classifier, totals, the ring of seconds, the table by type, and the report. Times are given. */
 #include "packet/stati.h"
 
-
 #include "tests/packet/sockets.h"
 #include "tests/support/bytes.h"
 
