@@ -139,7 +139,11 @@ sword OCITerminate(ub4 mode);
 
 /** The loaded interface: one pointer for each call, under its name. */
 typedef struct OCI_CALLS_S {
-#define OCI_CALL_POINTER(name) __typeof__(&name) name; /* NOLINT(bugprone-macro-parentheses): declares a field */
+#ifdef __cplusplus
+#define OCI_CALL_POINTER(name) decltype(&::name) name;
+#else
+#define OCI_CALL_POINTER(name) __typeof__(&name) name;
+#endif
     OCI_EACH_CALL(OCI_CALL_POINTER)
 #undef OCI_CALL_POINTER
 } OCI_CALLS_S;

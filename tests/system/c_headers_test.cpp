@@ -52,7 +52,7 @@ std::string complaints(const RootFolder &folder, const std::string &header, cons
     return status == 0 ? "" : header + ":\n" + folder.read("said").substr(0, 2000);
 }
 
-constexpr char C11[] = "cc -std=c11 -D_GNU_SOURCE", CPP20[] = "c++ -std=c++20 -D_GNU_SOURCE";
+constexpr char C11[] = "cc -std=c11 -pedantic -D_GNU_SOURCE", CPP20[] = "c++ -std=c++20 -pedantic -D_GNU_SOURCE";
 
 TEST(PublicHeaders, CompileAloneInBothLanguages) {
     const Headers headers;
