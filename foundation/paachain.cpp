@@ -52,7 +52,7 @@ void map_for_insertion(PAA_S *table, uint32_t bucket) {
         return;
     }
     const auto start = reinterpret_cast<uintptr_t>(table->buckets), page = start & ~(PAGE_BYTES - 1);
-    const size_t size = start - page + BUCKETS_LARGE * sizeof *table->buckets;
+    const size_t size = start - page + BUCKETS_LARGE * sizeof(void *);
     madvise(reinterpret_cast<void *>(page), size, MADV_POPULATE_WRITE);  // an older system doesn't: no harm
     table->isMapped = 1;
 }

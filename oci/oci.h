@@ -140,9 +140,9 @@ sword OCITerminate(ub4 mode);
 /** The loaded interface: one pointer for each call, under its name. */
 typedef struct OCI_CALLS_S {
 #ifdef __cplusplus
-#define OCI_CALL_POINTER(name) decltype(&::name) name;
+#define OCI_CALL_POINTER(name) decltype(&::name) name; /* NOLINT(bugprone-macro-parentheses): declares a field */
 #else
-#define OCI_CALL_POINTER(name) __typeof__(&name) name;
+#define OCI_CALL_POINTER(name) __typeof__(&name) name; /* NOLINT(bugprone-macro-parentheses) */
 #endif
     OCI_EACH_CALL(OCI_CALL_POINTER)
 #undef OCI_CALL_POINTER
