@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -18,14 +19,11 @@ using namespace std::string_literals;
 namespace {
 
 using Strings = std::vector<std::string>;
-struct Ender {
-    void operator()(PAA_S *table) const { paaDestroy(table); }
-};
-using Table = std::unique_ptr<PAA_S, Ender>;
-Table make(int flags = 0) { return Table(paaCreate(flags)); }
+using Table = std::unique_ptr<PAA_S, int (*)(PAA_S *)>;
+Table make(int flags = 0) { return {paaCreate(flags), paaDestroy}; }
 
-constexpr int FORMS[] = {0, PAAFLAGPOINTER, PAAFLAGLARGE, PAAFLAGPOINTER | PAAFLAGLARGE};
 constexpr int NOLENGTH = -77;
+constexpr char NONE[] = "(null)";
 
 int length(const std::string &text) { return static_cast<int>(text.size()); }
 int insert(const Table &table, const std::string &key, const std::string &value = "") {
@@ -33,9 +31,9 @@ int insert(const Table &table, const std::string &key, const std::string &value 
 }
 int remove(const Table &table, const std::string &key) { return paaRemove(table.get(), key.data(), length(key)); }
 
-/** The bytes that a call returned, with the NUL behind them checked; "(null)" for none. */
+/** The bytes that a call returned, with the NUL behind them checked. */
 std::string bytes(const void *block, int size) {
-    if (block == nullptr) return "(null)";
+    if (block == nullptr) return NONE;
     const char *text = static_cast<const char *>(block);
     EXPECT_EQ(text[size], '\0') << "no NUL behind it";
     return {text, static_cast<size_t>(size)};
@@ -74,12 +72,12 @@ constexpr std::string (*in_one_bucket[])(uint32_t) = {colliding_key, alike_at_fi
 
 class Model : public testing::TestWithParam<int> {
 protected:
-    Table table = make(GetParam());
+    Table table = make(GetParam() | 0x70);  // unknown flags are dropped
     const bool pointers = (GetParam() & PAAFLAGPOINTER) != 0;
     std::map<std::string, std::string> model;  // in byte order, as std::string compares unsigned
     Strings order;
     Seeded random;
-    char targets[64];  // what stored pointers point to
+    char targets[64];  // what stored pointers point to, if they aren't null
 
     std::string random_key() {
         if (random() % 2 == 0) return in_one_bucket[random() % 3](random() % 700);
@@ -97,17 +95,19 @@ protected:
         enum { INSERT, REPLACE, APPEND };
         std::string value(random() % 12, 'v');
         for (char &byte : value) byte = static_cast<char>(random());
-        if (kind == REPLACE && value.empty())
-            value = "x";  // the null that replacing by nothing leaves is told elsewhere
-        const char *given = pointers ? &targets[random() % sizeof targets] : value.data();
+        const char *given = value.empty() ? nullptr : pointers ? &targets[random() % sizeof targets] : value.data();
+        const int size = pointers && given != nullptr ? 99 : length(value);
         const bool refused = model.contains(key) && (kind == INSERT || (pointers && kind == APPEND));
         const auto call = kind == INSERT ? paaInsert : kind == REPLACE ? paaReplace : paaAppend;
-        ASSERT_EQ(call(table.get(), key.data(), length(key), given, pointers ? 99 : length(value)), refused ? -1 : 0);
+        ASSERT_EQ(call(table.get(), key.data(), length(key), given, size), refused ? -1 : 0);
         ASSERT_EQ(paaerrno, refused ? PAAERREXISTS : 0);
         if (refused) return;
-        if (!model.contains(key)) order.push_back(key);
-        if (kind != APPEND) model[key].clear();
-        model[key] += kept(given, length(value));
+        const bool is_new = !model.contains(key);
+        if (is_new) order.push_back(key);
+        std::string &content = model[key];
+        if (kind != APPEND || (content == NONE && !value.empty())) content.clear();
+        content += pointers ? kept(given, 0) : value;
+        if (kind == REPLACE && value.empty() && !is_new) content = NONE;  // a new key is inserted: empty
     }
     void erase(const std::string &key) {
         ASSERT_EQ(remove(table, key), model.contains(key) ? 0 : -1);
@@ -120,9 +120,9 @@ protected:
         int size = NOLENGTH;
         const void *value = paaFind(table.get(), key.data(), length(key), &size);
         ASSERT_EQ(paaerrno, known ? 0 : PAAERRNOTFOUND);
-        ASSERT_EQ(kept(value, size), known ? model[key] : "(null)");
-        ASSERT_TRUE(!known || !pointers || size == 4);
-        ASSERT_EQ(bytes(paaFindKey(table.get(), key.data(), length(key)), length(key)), known ? key : "(null)");
+        ASSERT_EQ(kept(value, size), known ? model[key] : NONE);
+        ASSERT_TRUE(!known || (!pointers && value != nullptr) || size == (pointers ? 4 : 0));
+        ASSERT_EQ(bytes(paaFindKey(table.get(), key.data(), length(key)), length(key)), known ? key : NONE);
     }
     /** Reads some keys in the order in which they came, which lets the table guess the next. Returns that one. */
     std::string read_in_order() {
@@ -180,63 +180,37 @@ TEST_P(Model, AgreesAfterManyOperations) {
     }
     check_all();
 }
-INSTANTIATE_TEST_SUITE_P(Forms, Model, testing::ValuesIn(FORMS));
+INSTANTIATE_TEST_SUITE_P(Forms, Model,
+                         testing::Values(0, PAAFLAGPOINTER, PAAFLAGLARGE, PAAFLAGPOINTER | PAAFLAGLARGE));
 
 /* ---- Codes ------------------------------------------------------------------------------------------------------ */
 
 TEST(PaaErrors, OfArgumentsComeInTheirOrder) {
-    for (const int flags : FORMS) {
-        const Table table = make(flags);
-        PAA_S stray{};
-        struct Row {
-            PAA_S *table;
-            const char *key;
-            int keyLength, reading, writing;  // codes of the calls that read and that write
-        };
-        for (const Row &row : {Row{&stray, nullptr, 0, PAAERRBADHANDLE, PAAERRBADHANDLE},
-                               {table.get(), nullptr, 0, PAAERRNOKEYLEN, PAAERRNOKEYLEN},
-                               {table.get(), nullptr, 1, PAAERRNOKEY, PAAERRNOKEY},
-                               {table.get(), "k", 1, PAAERRNOTFOUND, PAAERRNODATA}}) {
-            for (const auto call : {paaInsert, paaReplace, paaAppend}) {
-                EXPECT_EQ(call(row.table, row.key, row.keyLength, nullptr, 1), -1);
-                EXPECT_EQ(paaerrno, row.writing);
-            }
-            EXPECT_EQ(paaFind(row.table, row.key, row.keyLength, nullptr), nullptr);
-            EXPECT_EQ(paaerrno, row.reading);
-            EXPECT_EQ(paaFindKey(row.table, row.key, row.keyLength), nullptr);
-            EXPECT_EQ(paaerrno, row.reading);
-            EXPECT_EQ(paaRemove(row.table, row.key, row.keyLength), -1);
-            EXPECT_EQ(paaerrno, row.reading);
-        }
-        EXPECT_EQ(table->buckets, nullptr) << "nothing is allocated before the first insertion";
-    }
-}
-
-TEST(PaaErrors, OfHandlesAndWalks) {
-    constexpr Step steps[] = {paaFirst,      paaNext,       paaCurrent,    paaFirstSorted,
-                              paaLastSorted, paaNextSorted, paaPrevSorted, paaCurrentSorted};
+    const auto expect = [](bool has_failed, int code) {
+        EXPECT_TRUE(has_failed);
+        EXPECT_EQ(paaerrno, code);
+    };
+    const Table table = make();
     PAA_S stray{};
-    const Table empty = make();
-    for (const Step step : steps) {
-        EXPECT_EQ(step(&stray, nullptr), nullptr);
-        EXPECT_EQ(paaerrno, PAAERRBADHANDLE);
-        EXPECT_EQ(step(empty.get(), nullptr), nullptr);
-        const bool starts = step == paaFirst || step == paaFirstSorted || step == paaLastSorted;
-        EXPECT_EQ(paaerrno, starts ? PAAERRNOTFOUND : PAAERRNOCURRENT);
+    struct Row {
+        PAA_S *table;
+        const char *key;
+        int length, reading, writing;  // codes of the calls that read and that write
+    };
+    for (const auto &[handle, key, length, reading, writing] :
+         {Row{&stray, nullptr, 0, PAAERRBADHANDLE, PAAERRBADHANDLE},
+          Row{table.get(), nullptr, 0, PAAERRNOKEYLEN, PAAERRNOKEYLEN},
+          Row{table.get(), nullptr, 1, PAAERRNOKEY, PAAERRNOKEY},
+          Row{table.get(), "k", 1, PAAERRNOTFOUND, PAAERRNODATA}}) {
+        for (const auto call : {paaInsert, paaReplace, paaAppend}) {
+            expect(call(handle, key, length, nullptr, 1) == -1, writing);
+        }
+        expect(paaFind(handle, key, length, nullptr) == nullptr, reading);
+        expect(paaFindKey(handle, key, length) == nullptr, reading);
+        expect(paaRemove(handle, key, length) == -1, reading);
     }
-    for (const Step step : {paaFirst, paaNext, paaCurrent}) {
-        EXPECT_EQ(step(nullptr, nullptr), nullptr);
-        EXPECT_EQ(paaerrno, PAAERRBADHANDLE);
-    }
-    insert(empty, "k", "v");
-    PAA_ENTRY_S *const first = std::exchange(empty->first, nullptr);
-    EXPECT_EQ(paaFirst(empty.get(), nullptr), nullptr);
-    EXPECT_EQ(paaerrno, PAAERRCORRUPT) << "its first entry is lost";
-    empty->first = first;
-    EXPECT_EQ(paaClear(&stray), -1);
-    EXPECT_EQ(paaDestroy(&stray), -1);
-    EXPECT_EQ(paaDump(&stray), -1);
-    EXPECT_EQ(paaerrno, PAAERRBADHANDLE);
+    EXPECT_EQ(table->buckets, nullptr) << "nothing is allocated before the first insertion";
+    for (const auto call : {paaClear, paaDestroy, paaDump}) expect(call(&stray) == -1, PAAERRBADHANDLE);
 }
 
 #if !defined(__SANITIZE_ADDRESS__)  // its own memory does not fit under the limit
@@ -262,71 +236,63 @@ TEST(PaaErrors, OfMemoryLeaveTheTableAsItWas) {
 }
 #endif
 
-/* ---- Entries and walks ------------------------------------------------------------------------------------------- */
+/* ---- Walks ------------------------------------------------------------------------------------------------------- */
 
-TEST(PaaEntries, HaveThreeWaysToBeEmpty) {
-    const Table table = make();
+constexpr Step starts[] = {paaFirst, paaFirstSorted, paaLastSorted};
+constexpr Step steps[] = {paaNext, paaCurrent, paaNextSorted, paaPrevSorted, paaCurrentSorted};
+
+/** What a step finds, or the code that it leaves. */
+std::string at(Step step, PAA_S *table) {
     int size = NOLENGTH;
-    EXPECT_EQ(paaInsert(table.get(), "i", 1, nullptr, 0), 0);
-    EXPECT_EQ(find(table, "i"), "");
-    EXPECT_EQ(paaAppend(table.get(), "a", 1, nullptr, 0), 0);
-    EXPECT_EQ(find(table, "a"), "");
-
-    insert(table, "r", "value");
-    EXPECT_EQ(paaAppend(table.get(), "r", 1, nullptr, 0), 0);
-    EXPECT_EQ(find(table, "r"), "value");
-    EXPECT_EQ(paaReplace(table.get(), "r", 1, nullptr, 0), 0);
-    EXPECT_EQ(paaFind(table.get(), "r", 1, &size), nullptr) << "replaced by nothing: null, not an empty block";
-    EXPECT_EQ(paaerrno, 0);
-    EXPECT_EQ(size, 0);
-    EXPECT_EQ(paaAppend(table.get(), "r", 1, "ab", 2), 0);
-    EXPECT_EQ(find(table, "r"), "ab");
-    EXPECT_EQ(paaReplace(table.get(), "n", 1, nullptr, 0), 0);
-    EXPECT_EQ(find(table, "n"), "") << "a new key by replace is inserted";
+    const void *found = step(table, &size);
+    return found != nullptr ? bytes(found, size) : std::to_string(paaerrno);
 }
 
-TEST(PaaEntries, OfPointersMayBeNull) {
-    const Table table = make(PAAFLAGPOINTER | 0x70);
-    int size = NOLENGTH;
-    EXPECT_EQ(paaInsert(table.get(), "null", 4, nullptr, 0), 0);
-    EXPECT_EQ(paaFind(table.get(), "null", 4, &size), nullptr);
-    EXPECT_EQ(paaerrno, 0);
-    EXPECT_EQ(size, 4);
-    EXPECT_EQ(table->flags, static_cast<uint32_t>(PAAFLAGPOINTER)) << "other bits are ignored";
+TEST(PaaWalks, NeedATableThatIsInOrder) {
+    const std::string bad_handle = std::to_string(PAAERRBADHANDLE);
+    PAA_S stray{};
+    const Table empty = make();
+    for (const Step step : starts) {
+        EXPECT_EQ(at(step, &stray), bad_handle);
+        EXPECT_EQ(at(step, empty.get()), std::to_string(PAAERRNOTFOUND));
+    }
+    for (const Step step : steps) {
+        EXPECT_EQ(at(step, &stray), bad_handle);
+        EXPECT_EQ(at(step, empty.get()), std::to_string(PAAERRNOCURRENT));
+    }
+    for (const Step step : {paaFirst, paaNext, paaCurrent}) EXPECT_EQ(at(step, nullptr), bad_handle);
+    insert(empty, "k", "v");
+    PAA_ENTRY_S *const first = std::exchange(empty->first, nullptr);
+    EXPECT_EQ(at(paaFirst, empty.get()), std::to_string(PAAERRCORRUPT));
+    empty->first = first;
 }
 
 TEST(PaaWalks, EndAtAChangeOfTheKeySetOnly) {
     const Table table = make();
-    for (const char *key : {"b", "c", "a"}) insert(table, key, "1");
     PAA_S *handle = table.get();
-    ASSERT_NE(paaFirst(handle, nullptr), nullptr);
-    ASSERT_NE(paaFirstSorted(handle, nullptr), nullptr);
+    for (const char *key : {"b", "c", "a"}) insert(table, key, "1");
+    EXPECT_EQ(at(paaFirst, handle), "b");
+    EXPECT_EQ(at(paaFirstSorted, handle), "a");
     EXPECT_EQ(paaReplace(handle, "b", 1, "22", 2), 0);
     EXPECT_EQ(paaAppend(handle, "b", 1, "3", 1), 0);
     EXPECT_EQ(insert(table, "b", "refused"), -1);
     EXPECT_EQ(remove(table, "x"), -1);
-    int size = 0;
-    EXPECT_EQ(bytes(paaCurrent(handle, &size), 3), "223");
-    EXPECT_EQ(size, 3);
-    EXPECT_STREQ(static_cast<char *>(paaNext(handle, &size)), "c");
-    EXPECT_STREQ(static_cast<char *>(paaNextSorted(handle, &size)), "b");
-    EXPECT_STREQ(static_cast<char *>(paaCurrentSorted(handle, &size)), "223");
+    EXPECT_EQ(at(paaCurrent, handle), "223");
+    EXPECT_EQ(at(paaNext, handle), "c");
+    EXPECT_EQ(at(paaNextSorted, handle), "b");
+    EXPECT_EQ(at(paaCurrentSorted, handle), "223");
 
     EXPECT_EQ(in_order(table).back(), "a");
     EXPECT_EQ(paaNext(handle, nullptr), nullptr);
-    EXPECT_STREQ(static_cast<char *>(paaCurrent(handle, nullptr)), "1") << "it stays on the last one";
+    EXPECT_EQ(at(paaCurrent, handle), "1") << "it stays on the last one";
     EXPECT_EQ(sorted(table).back(), "c");
-    EXPECT_STREQ(static_cast<char *>(paaPrevSorted(handle, nullptr)), "b");
-    EXPECT_STREQ(static_cast<char *>(paaCurrentSorted(handle, nullptr)), "223");
+    EXPECT_EQ(at(paaPrevSorted, handle), "b");
+    EXPECT_EQ(at(paaCurrentSorted, handle), "223");
 
-    for (const bool inserting : {true, false}) {
-        paaFirst(handle, nullptr);
-        paaLastSorted(handle, nullptr);
-        EXPECT_EQ(inserting ? insert(table, "d") : remove(table, "d"), 0);
-        for (const Step step : {paaNext, paaCurrent, paaNextSorted, paaPrevSorted, paaCurrentSorted}) {
-            EXPECT_EQ(step(handle, nullptr), nullptr);
-            EXPECT_EQ(paaerrno, PAAERRNOCURRENT);
-        }
+    for (const bool is_inserting : {true, false}) {
+        for (const Step step : starts) step(handle, nullptr);
+        EXPECT_EQ(is_inserting ? insert(table, "d") : remove(table, "d"), 0);
+        for (const Step step : steps) EXPECT_EQ(at(step, handle), std::to_string(PAAERRNOCURRENT));
     }
 }
 
@@ -346,18 +312,14 @@ TEST(PaaHash, PutsEachKeyIntoItsBucket) {
         int small, large;
     };
     for (const Row &row : {Row{"A", 465, 58722},
-                           {"abc", 379, 318},
-                           {"abcd", 209, 56720},
                            {"abcdefgh", 766, 20855},
                            {"efghabcd", 766, 20855},
                            {"\x80", 133, 26718},
-                           {"ab\xff", 455, 37946},
                            {"\xff\xfe\xfd", 311, 27736},
                            {"\0"s, 791, 39208},
                            {"a\0b"s, 45, 27800},
                            {"abcd\0\xe4"s, 762, 50090},
                            {"\xff\xff\xff\xff", 727, 26537},
-                           {"\x80\x81\x82\x83\x84\x85\x86", 696, 14794},
                            {"localhost", 528, 24334}}) {
         for (const auto &[flags, bucket] : {std::pair{0, row.small}, {PAAFLAGLARGE, row.large}}) {
             const Table table = make(flags);
@@ -376,9 +338,7 @@ TEST(PaaHash, DumpsManyKeysOfOneBucketInOneLine) {
     insert(table, "B");
     remove(table, "B");
     const std::string text = dump(table);
-    EXPECT_TRUE(text.starts_with("# total 301 entries\n## ")) << text;
-    EXPECT_NE(text.find(" 300 entries\n"), std::string::npos) << text;
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3) << text;
+    EXPECT_TRUE(std::regex_match(text, std::regex("# total 301 entries\n(## \\d+ (1|300) entries\n){2}"))) << text;
 }
 
 }  // namespace
