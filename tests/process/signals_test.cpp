@@ -36,58 +36,58 @@ std::string handled_signals() {
     for (const int number : HANDLED) {
         struct sigaction action {};
         sigaction(number, nullptr, &action);
-        const bool isOurs =
-            action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN && (action.sa_flags & SA_RESTART) == 0;
-        if (isOurs && sigisemptyset(&action.sa_mask)) names += std::string(sigabbrev_np(number)) + " ";
+        const bool is_ours = action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN;
+        const bool interrupts = (action.sa_flags & SA_RESTART) == 0 && sigisemptyset(&action.sa_mask);
+        if (is_ours && interrupts) names += std::string(sigabbrev_np(number)) + " ";
     }
     return names;
 }
 
+/** With -D a daemon stays in the foreground, but has its log and its slot. */
 TEST_F(Signals, AreHandledAsTheFormOfTheProcessAsks) {
-    struct Row {
-        Strings arguments;
-        StartForm form;
-        const char *handled;
+    const std::tuple<Strings, StartForm, std::string> rows[] = {
+        {{"prog"}, {.log = 1, .processes = 1}, "TERM INT PIPE USR2 2"},
+        {{"-D"}, {.daemon = 1}, "TERM INT PIPE USR2 1"},
+        {{"other", "a", "-D"}, {.daemon = 1}, "TERM INT PIPE USR2 1"},
+        {{"third", "x", "y", "-debug"}, {.daemon = 1}, "TERM INT PIPE USR2 1"},
+        {{"daemon"}, {.daemon = 1}, "TERM INT PIPE USR2 ALRM HUP CHLD 1"},
     };
-    for (const Row &row :
-         {Row{{"prog"}, {.log = 1}, "TERM INT PIPE USR2 "}, Row{{"prog", "-D"}, {.daemon = 1}, "TERM INT PIPE USR2 "},
-          Row{{"prog"}, {.daemon = 1}, "TERM INT PIPE USR2 ALRM HUP CHLD "}}) {
+    for (const auto &row : rows) {
+        const auto &[arguments, form, handled] = row;
         Child child([&](Child &self) {
             for (const int number : HANDLED) signal(number, SIG_DFL);
-            start_or_die(root, row.arguments, row.form);
-            self.report(handled_signals());
+            start_or_die(root, std::get<Strings>(row), std::get<StartForm>(row));
+            self.report(handled_signals() + std::to_string(process_context.mode));
+            self.report(eight_digits(getpid()));
             return 0;
         });
-        EXPECT_EQ(child.next_report(), row.handled);
+        EXPECT_EQ(child.next_report(), handled);
+        const std::string pid = child.next_report(), &name = arguments[0];
+        EXPECT_EQ(pid != eight_digits(child.pid()), name == "daemon");
+        EXPECT_EQ(root.read("status/" + name + ".1").substr(0, 8), pid);
+        EXPECT_NE(root.log(name + ".log").find("STARTED at "), std::string::npos);
     }
 }
 
-TEST_F(Signals, LeaveEintrBehind) {
-    EXPECT_EQ(outcome([&](Child &) {
-                  start_like_a_daemon();
-                  for (const int number : HANDLED) {
-                      errno = 0;
-                      if (raise(number); errno != EINTR) return number;
-                  }
-                  process_context.logToFile = 0;
-                  errno = 0;
-                  raise(SIGHUP);
-                  return errno;
-              }),
-              "0 ")
-        << "a hang-up without a log has no effect";
-}
-
-TEST_F(Signals, SwitchTheTraceAndAreTold) {
-    EXPECT_EQ(outcome([&](Child &) {
-                  start_like_a_daemon();
-                  for (const int number : {SIGTERM, SIGUSR2, SIGINT, SIGPIPE, SIGUSR2, SIGUSR2}) raise(number);
-                  return static_cast<int>(process_context.trace) + 10 * process_context.running;
-              }),
-              "1 ");
+TEST_F(Signals, SwitchTheTraceAreToldAndLeaveEintrBehind) {
+    EXPECT_EQ(
+        outcome([&](Child &) {
+            start_like_a_daemon();
+            for (const int number : {SIGTERM, SIGUSR2, SIGINT, SIGPIPE, SIGALRM, SIGCHLD, SIGUSR2, SIGUSR2, SIGHUP}) {
+                errno = 0;
+                if (raise(number); errno != EINTR) return 100 + number;
+            }
+            process_context.logToFile = 0;
+            errno = 0;
+            if (raise(SIGHUP); errno != 0) return 2;  // a hang-up without a log has no effect
+            return static_cast<int>(process_context.trace) + 10 * process_context.running;
+        }),
+        "1 ");
     EXPECT_TRUE(
         matches(logged(), {form::T, "Tracing turned on!\n", form::T, "Received SIGTERM/SIGINT\n", form::L,
-                           "Received SIGPIPE\n", form::T, "Tracing turned off!\n", form::T, "Tracing turned on!\n"}));
+                           "Received SIGPIPE\n", form::T, "Tracing turned off!\n", form::T, "Tracing turned on!\n",
+                           form::L, "Received a SIGHUP. Closing log!\n", form::L, "Reopening log file ",
+                           root.path("log/prog.log!\n"), SINCE, form::T, "STARTED new log, trace is on.\n"}));
 }
 
 TEST_F(Signals, OfABrokenPipeDoNotCallThemselves) {
@@ -147,8 +147,10 @@ void expect_whole_lines_once(const RootFolder &root, int lines) {
         "(" +
         form::T + "(Tracing turned o(n|ff)!|Received SIGTERM/SIGINT|STARTED .*))");
     std::set<std::string> seen;
+    std::string all;
     for (const auto &entry : fs::directory_iterator(root.path("log"))) {
-        std::istringstream text(without_mail(root.log(entry.path().filename())));
+        const std::string log = without_mail(root.log(entry.path().filename()));
+        std::istringstream text(log);
         bool errorBegun = false;
         int number = 0;
         for (std::string line; std::getline(text, line);) {
@@ -159,48 +161,35 @@ void expect_whole_lines_once(const RootFolder &root, int lines) {
             const size_t at = line.find(" line ");
             ASSERT_TRUE(at == std::string::npos || seen.insert(line.substr(at)).second) << "twice: " << line;
         }
+        all += log;
     }
     EXPECT_EQ(static_cast<int>(seen.size()), lines);
+    for (const char *told : {"Received SIGPIPE\n", "Tracing turned on!\n", "STARTED new log, trace is on.\n"}) {
+        EXPECT_NE(all.find(told), std::string::npos) << "the test shows nothing without " << told;
+    }
 }
 
-TEST_F(Signals, InAStormLoseAndTearNoLine) {
+TEST_F(Signals, InAStormLoseAndTearNoLineWhileTheLogIsTurnedOver) {
+    constexpr int TURNS = 50;
     Child child([&](Child &self) {
         start_like_a_daemon({"prog", "-TRACE"});
         return work_under_signals(self, root);
     });
     ASSERT_EQ(child.next_report(), "ready");
     Child first([&](Child &) { return storm(child, 0); }), second([&](Child &) { return storm(child, 5); });
+    for (int turn = 0; turn < TURNS; turn++) {
+        fs::rename(root.path("log/prog.log"), root.path("log/old." + std::to_string(turn)));
+        child.signal(SIGHUP);
+        for (int i = 0; i < 10000 && root.log("prog.log").empty(); i++) usleep(1000);
+        ASSERT_FALSE(root.log("prog.log").empty()) << "no new log after turn " << turn;
+    }
     EXPECT_EQ(first.exit_code(), 0);
     EXPECT_EQ(second.exit_code(), 0);
     root.write("stop", "");
     const std::string lines = child.next_report();
     ASSERT_NE(lines, "(nothing)") << "it hangs";
     ASSERT_EQ(child.exit_code(), 0);
-    ASSERT_NO_FATAL_FAILURE(expect_whole_lines_once(root, std::stoi(lines)));
-    for (const char *told : {"Received SIGPIPE\n", "Tracing turned on!\n", "STARTED new log, trace is on.\n"}) {
-        EXPECT_NE(root.log("prog.log").find(told), std::string::npos) << "the test shows nothing without " << told;
-    }
-}
-
-TEST_F(Signals, TurnTheLogOverUnderLoad) {
-    constexpr int TURNS = 50;
-    Child child([&](Child &self) {
-        start_like_a_daemon();
-        return work_under_signals(self, root);
-    });
-    ASSERT_EQ(child.next_report(), "ready");
-    Child noise([&](Child &) { return storm(child, 0); });
-    for (int turn = 0; turn < TURNS; turn++) {
-        fs::rename(root.path("log/prog.log"), root.path("log/old." + std::to_string(turn)));
-        child.signal(SIGHUP);
-        for (int i = 0; i < 3000 && root.log("prog.log").empty(); i++) usleep(1000);
-        ASSERT_FALSE(root.log("prog.log").empty()) << "no new log after turn " << turn;
-    }
-    EXPECT_EQ(noise.exit_code(), 0);
-    root.write("stop", "");
-    const int lines = std::stoi("0" + child.next_report());
-    ASSERT_EQ(child.exit_code(), 0);
-    ASSERT_NO_FATAL_FAILURE(expect_whole_lines_once(root, lines));
+    expect_whole_lines_once(root, std::stoi(lines));
     EXPECT_TRUE(matches(root.log("old.7").substr(0, root.log("old.7").find('\n') + 1), {SINCE}));
 }
 
