@@ -14,6 +14,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 using CgiOutput = Cgi;
 
 const std::string TEXT_HEAD = "Content-Type: text/html\n", COOKIE = "Set-Cookie: VELMORA=v; Path=/p; DOMAIN=d;",
@@ -41,7 +42,6 @@ TEST_F(CgiOutput, SendsOneHeaderInFrontOfTheFirstText) {
         {"SETDATE=20240219102030CET+x", [] {}, "Last-Modified: Mon, 19 Feb 2024 10:20:30 CET x\n" + PAGE},
         {"SETDATE=", [] {}, PAGE},
         {"SETDATE=1960", [] {}, PAGE},
-        {"NOHTTPHEAD=0", [] {}, PAGE},
         {"NOHTTPHEAD=x1", [] {}, PAGE},
     };
     for (const auto &[query, setup, header] : rows) {
@@ -126,8 +126,8 @@ TEST_F(CgiOutput, KeepsIncludesBelowTheTemplatesByTheStricterRules) {
         return [] { ghSaveForReplace("g_TemplateRoot", "pages", 0), ghPrintTemplate(stdout, "page"); };
     };
     EXPECT_EQ(both(get(""), include("pages/in")), PAGE + "in\n\n");
-    for (const char *outside : {"out", "pages/link", "pages", "pagesx"}) {
-        const std::string told = "ghsPrintTemplateRec: Cannot open file &#34;" + std::string(outside) + "&#34;: ";
+    for (const auto &outside : {"out"s, "pages/link"s, "pages"s, "pagesx"s, folder.path("out")}) {
+        const std::string told = "ghsPrintTemplateRec: Cannot open file &#34;" + outside + "&#34;: ";
         EXPECT_EQ(hardened(get(""), include(outside)), error_page(told + "Permission denied.\n"));
     }
     EXPECT_EQ(run(get(""), include("out")), PAGE + "out\n\n");
@@ -180,30 +180,18 @@ TEST_F(CgiOutput, WritesEventsWhereItMay) {
     EXPECT_EQ(lines("logs/.log"), two) << "a name like any other";
     for (const char *outside : {"ev.log", "sub/ev.log"}) EXPECT_FALSE(fs::exists(folder.path(outside)));
 
-    // What stands in the log's place is left alone; the other directory serves.
+    // A link in the log's place is left alone; the other directory serves.
     folder.write("target", "");
     const std::string place = folder.path("logs/ev.log"), second = "sub/logs/ev.log";
-    const std::vector<std::pair<const char *, Program>> in_its_place = {
-        {"a link", [&] { fs::create_symlink(folder.path("target"), place); }},
-        {"a link to nothing", [&] { fs::create_symlink(folder.path("new"), place); }},
-        {"a pipe that nobody reads", [&] { mkfifo(place.c_str(), 0666); }},
-        {"a directory", [&] { fs::create_directory(place); }},
-        {"a second name, which is refused to root",
-         [&] {
-             geteuid() == 0 ? fs::create_hard_link(folder.path("target"), place) : fs::create_symlink("x", place);
-         }},
-        {"no directory", [&] { fs::remove_all(folder.path("logs")); }},
-    };
-    for (const auto &[what, make] : in_its_place) {
-        SCOPED_TRACE(what);
-        fs::remove_all(place);
-        fs::remove(folder.path(second));
-        make();
-        log("ev");
-        EXPECT_EQ(lines(second.c_str()), two);
-        EXPECT_EQ(folder.read("target"), "");
-        EXPECT_FALSE(fs::exists(folder.path("new")));
-    }
+    fs::remove(place);
+    fs::create_symlink(folder.path("target"), place);
+    log("ev");
+    EXPECT_EQ(lines(second.c_str()), two);
+    EXPECT_EQ(folder.read("target"), "");
+    fs::remove_all(folder.path("logs"));
+    log("ev");
+    EXPECT_EQ(lines(second.c_str()), two + two);
+
     // A user who isn't root may write to a pipe; one that nobody reads doesn't hold the page up.
     folder.write("logs/kept", "");
     mkfifo(place.c_str(), 0666);
@@ -286,14 +274,11 @@ TEST_F(CgiOutput, WritesADebugFileOnlyWhereItIsAskedFor) {
 
     folder.write("target", "");
     fs::create_symlink("target", folder.path("link"));
-    mkfifo(folder.path("pipe").c_str(), 0666);
     const std::string cut(1024, 'x');
     const Rows<std::string, std::string> refused{
         {"x/../debug.log", "\"..\" in path not allowed"},
         {"nowhere/x", strerror(ENOENT)},
         {"link", strerror(ELOOP)},
-        {"pipe", strerror(ENXIO)},
-        {"logs", strerror(EISDIR)},
         {cut, strerror(ENAMETOOLONG)},
     };
     for (const auto &[path, reason] : refused) {

@@ -332,24 +332,6 @@ TEST(Files, AreRefusedOrMissing) {
     EXPECT_EQ(printed({}, "./.."), "(26) ghsPrintTemplateRec: Path with \"..\", not allowed \"./..\".\n");
 }
 
-/** Hardened, includes stay below the folder that the program names. */
-TEST(Files, LieBelowTheRootOfTemplatesIfHardened) {
-    const RootFolder elsewhere;
-    elsewhere.write("out.html", "out\n");
-    const std::string path = elsewhere.path("out.html");
-    Page page{"<!-- #include file=\"in/a.html\" -->\n<!-- #include file=\"" + path + "\" -->\n", "in\nout\n"};
-    page.files = {{"in/a.html", "in\n"}, {"inner.html", "in\n"}};
-    page.variables = {{"g_TemplateRoot", "in"}};
-    expect_page(page);
-    setenv("VELHARDEN", "1", 1);
-    page.expected = "in\n(25) ghsPrintTemplateRec: Cannot open file \"" + path + "\": Permission denied.\n";
-    expect_page(page);
-    expect_page({"<!-- #include file=\"inner.html\" -->\n",
-                 "(25) ghsPrintTemplateRec: Cannot open file \"inner.html\": Permission denied.\n", page.variables,
-                 page.files});
-    unsetenv("VELHARDEN");
-}
-
 /** By default a line feed follows each line; lines of a file are read in pieces of 4095. */
 TEST(Output, IsALineAndALineFeed) {
     const RootFolder folder;
