@@ -93,7 +93,7 @@ protected:
     }
     void write(unsigned kind, const std::string &key) {
         enum { INSERT, REPLACE, APPEND };
-        std::string value(random() % 12, 'v');
+        std::string value(random() % 3 == 0 ? 0 : random() % 12, 'v');
         for (char &byte : value) byte = static_cast<char>(random());
         const char *given = value.empty() ? nullptr : pointers ? &targets[random() % sizeof targets] : value.data();
         const int size = pointers && given != nullptr ? 99 : length(value);

@@ -252,10 +252,8 @@ TEST(Memory, IsZeroedCopiedAndJoined) {
 
 // ---- Scripts: programs in the folders of a platform --------------------------------------------------------------------
 
-class Scripts : public testing::Test {
+class Scripts : public Cgi {
 protected:
-    RootFolder root;
-
     void SetUp() override {
         program("site/cgi/page", "echo \"page$SETTING\"; for word; do echo \"[$word]\"; done");
         program("site/cgi/own.pl", "echo not run by itself");
@@ -266,29 +264,25 @@ protected:
         program("site/bin/perl", "echo admin perl \"$@\"");
         program("site/cgi/code", "exit $1");
         program("site/cgi/killed", "kill -9 $$");
-        root.write("site/cgi/no program", "");
-        root.write("site/cgi/text", "not a program\n");
+        folder.write("site/cgi/text", "not a program\n");
     }
     void program(const std::string &path, const std::string &script) const {
-        root.write(path, "#!/bin/sh\n" + script + "\n");
-        chmod(root.path(path).c_str(), 0755);
+        folder.write(path, "#!/bin/sh\n" + script + "\n");
+        chmod(folder.path(path).c_str(), 0755);
     }
-    /** What a command prints, and its code. The settings are inputs; "selfurl" is a variable as well. */
-    std::string run(const std::string &command, const Strings &inputs = {}) const {
-        Child child([&](Child &self) {
-            if (chdir(root.path("site/cgi").c_str()) != 0) return 1;
-            setenv("SETTING", "!", 1);
+    /** What a command prints, and its code. Fields of the query are variables as well. */
+    std::string called(const std::string &command, const std::string &query = "") const {
+        Request request = get(query).with("SETTING=!");
+        request.before = [] {
+            EXPECT_EQ(chdir("site/cgi"), 0);
             signal(SIGCHLD, SIG_IGN);  // as some web servers leave it
-            for (size_t i = 0; i + 1 < inputs.size(); i += 2) ghInStore(inputs[i].c_str(), inputs[i + 1].c_str());
+        };
+        return run(request, [&command] {
             ghIn2Replace(0);
             printf("> ");
             ghsCallScript(command.c_str());
-            self.report(std::to_string(ghsErrno));
-            return 0;
+            printf("%d", ghsErrno);
         });
-        const std::string code = child.next_report();
-        EXPECT_EQ(child.exit_code(), 0);
-        return child.output() + code;
     }
 };
 
@@ -311,31 +305,30 @@ TEST_F(Scripts, AreFoundRunAndToldTheirDepth) {
         {"text", "> 255"},
         {"/bin/sh", "> 2"},
     };
-    for (const auto &[command, expected] : rows) EXPECT_EQ(run(command), expected) << command;
-    EXPECT_EQ(run("admin.pl x", {"selfurl", "/administration/"}), "> admin perl ../bin/gathering/admin.pl x\n0");
-    EXPECT_EQ(run("killed"), "> 137");
+    for (const auto &[command, expected] : rows) EXPECT_EQ(called(command), expected) << command;
+    EXPECT_EQ(called("admin.pl x", "selfurl=/administration/"), "> admin perl ../bin/gathering/admin.pl x\n0");
+    EXPECT_EQ(called("killed"), "> 137");
 
-    EXPECT_EQ(run("page", {"NOHTTPHEAD", "8"}), "> page!\n[&NOHTTPHEAD=9]\n0");
-    EXPECT_EQ(run("page", {"NOHTTPHEAD", "9"}), "> 12");
-    EXPECT_EQ(run("page", {"NOHTTPHEAD", "x"}), "> page!\n[&NOHTTPHEAD=1]\n0");
-    EXPECT_EQ(run("page", {"NOHTTPHEAD", "-5"}), "> page!\n[&NOHTTPHEAD=1]\n0");
+    EXPECT_EQ(called("page", "NOHTTPHEAD=8"), "> page!\n[&NOHTTPHEAD=9]\n0");
+    EXPECT_EQ(called("page", "NOHTTPHEAD=9"), "> 12");
+    EXPECT_EQ(called("page", "NOHTTPHEAD=x"), "> page!\n[&NOHTTPHEAD=1]\n0");
+    EXPECT_EQ(called("page", "NOHTTPHEAD=-5"), "> page!\n[&NOHTTPHEAD=1]\n0");
 
     std::string many = "code?5";  // with the program and the depth's word 1022 in all
     for (int i = 0; i < 1020; ++i) many += " x";
-    EXPECT_EQ(run(many), "> 5");
-    EXPECT_EQ(run(many + " x"), "> 12");
+    EXPECT_EQ(called(many), "> 5");
+    EXPECT_EQ(called(many + " x"), "> 12");
 }
 
 TEST_F(Scripts, ThatCannotBeStartedPrintNothingOfThePageTwice) {
-    root.write("site/cgi/page.html", "first\n<!-- #include script=\"text\" -->\n");
-    Child child([&](Child &) {
-        if (chdir(root.path("site/cgi").c_str()) != 0) return 1;
-        const OwnedFile page(fopen("printed", "w"));
-        ghsPrintTemplate(page.get(), "page.html");
-        return ghsErrno;
-    });
-    EXPECT_EQ(child.exit_code(), 255);
-    EXPECT_EQ(root.read("site/cgi/printed"), "first\n\nError running script, errno=<255>\n\ntext\n");
+    folder.write("page.html", "first\n<!-- #include script=\"site/cgi/text\" -->\n");
+    const auto page = [] {
+        const OwnedFile file(fopen("printed", "w"));
+        ghsPrintTemplate(file.get(), "page.html");
+        printf("%d", ghsErrno);
+    };
+    EXPECT_EQ(run(get(""), page), "255");
+    EXPECT_EQ(folder.read("printed"), "first\n\nError running script, errno=<255>\n\nsite/cgi/text\n");
 }
 
 }  // namespace
