@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <deque>
 #include <regex>
 #include <string>
@@ -91,9 +90,6 @@ inline std::string without_first_line(const std::string &text) { return text.sub
 inline std::string without_mail(const std::string &text) {
     return std::regex_replace(text, std::regex("Process_mailout: [^\n]*\n"), "");
 }
-
-/** Whether no mail tool was started. */
-inline bool has_no_child() { return waitpid(-1, nullptr, 0) == -1 && errno == ECHILD; }
 
 inline std::string eight_digits(pid_t pid) {
     const std::string digits = std::to_string(pid);
