@@ -12,6 +12,7 @@
 
 #include "process/owned.h"
 #include "process/velproc.h"
+#include "tests/support/captured.h"
 #include "tests/support/rootfolder.h"
 
 namespace {
@@ -137,21 +138,19 @@ TEST_F(ConfigFile, IsReadAsSingleValues) {
 }
 
 TEST_F(ConfigFile, LastLineOfAKeyWinsAndMovesToTheEnd) {
-    testing::internal::CaptureStdout();
-    const Table table = read(config_read2paa, "a old\nb x\na new\n");
-    const std::string text = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(content(table), (Pairs{{"b", "x"}, {"a", "new"}}));
+    const std::string text = told([this] {
+        EXPECT_EQ(content(read(config_read2paa, "a old\nb x\na new\n")), (Pairs{{"b", "x"}, {"a", "new"}}));
+    });
     EXPECT_EQ(text, "reader: config_read2paa: file " + path + ", Overwrite key = \"a\" val =\"new\"\n");
 }
 
 TEST_F(ConfigFile, ValueOfMoreThan16382CharactersFailsTheFile) {
     root.write("etc/test.cfg", "first 1\n" + LONG + repeat(383, 'v') + "\n");
     const Table own = owned(paaCreate(0));
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(config_read2paa(nullptr, path.c_str()), nullptr);
-    EXPECT_EQ(config_read2paa(own.get(), path.c_str()), nullptr);
-    const std::string told = "reader: config_read2paa: file " + path + ", value for key \"a\" is too long\n";
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), told + told);
+    const std::string line = "reader: config_read2paa: file " + path + ", value for key \"a\" is too long\n";
+    for (PAA_S *table : {static_cast<PAA_S *>(nullptr), own.get()}) {
+        EXPECT_EQ(told([&] { EXPECT_EQ(config_read2paa(table, path.c_str()), nullptr); }), line);
+    }
     EXPECT_EQ(content(own), (Pairs{{"first", "1"}})) << "a table of the caller is not taken away";
 }
 
@@ -194,27 +193,27 @@ TEST_F(ConfigFile, FailuresAreReportedAndLeaveTheCallersTable) {
     const Table own = read(config_read, "kept x");
     PAA_S stray{};
     char text[] = "x", *key = text, *value = text;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(config_read(nullptr, missing.c_str()), nullptr);
-    EXPECT_EQ(config_read(own.get(), missing.c_str()), nullptr);
-    EXPECT_EQ(config_read2paa(nullptr, missing.c_str()), nullptr);
-    EXPECT_EQ(config_value(&stray, "k", 0), nullptr);
-    EXPECT_EQ(config_nvalues(&stray, "k"), -1);
-    EXPECT_EQ(config_free(&stray), -1);
-    EXPECT_EQ(config_read(own.get(), folder.c_str()), nullptr);
-    EXPECT_EQ(config_key_value(unreadable.get(), &key, &value, nullptr, nullptr), -1);
-    EXPECT_EQ(config_paragraph(unreadable.get(), text, sizeof text), -1);
-    EXPECT_TRUE(content(owned(config_read2paa(nullptr, folder.c_str()))).empty()) << "it takes this for the end";
+    const std::string lines = told([&] {
+        EXPECT_EQ(config_read(nullptr, missing.c_str()), nullptr);
+        EXPECT_EQ(config_read(own.get(), missing.c_str()), nullptr);
+        EXPECT_EQ(config_read2paa(nullptr, missing.c_str()), nullptr);
+        EXPECT_EQ(config_value(&stray, "k", 0), nullptr);
+        EXPECT_EQ(config_nvalues(&stray, "k"), -1);
+        EXPECT_EQ(config_free(&stray), -1);
+        EXPECT_EQ(config_read(own.get(), folder.c_str()), nullptr);
+        EXPECT_EQ(config_key_value(unreadable.get(), &key, &value, nullptr, nullptr), -1);
+        EXPECT_EQ(config_paragraph(unreadable.get(), text, sizeof text), -1);
+        EXPECT_NE(owned(config_read2paa(nullptr, folder.c_str())), nullptr) << "it takes this for the end";
+    });
     const std::string none = "No such file or directory\n", is_folder = "errmsg Is a directory\n",
                       not_read = "reader: config_read: fopen " + missing + " failed! errmsg " + none;
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              not_read + not_read + "reader: config_read2paa: Cannot open config file \"" + missing + "\" " + none +
-                  "reader: config_value: paaFind k failed! paaerrno 12, errmsg " + none +
-                  "reader: config_nvalues: paaFind k failed! paaerrno 12, errmsg " + none +
-                  "reader: config_key_value: fgets failed, " + is_folder +
-                  "reader: config_read: paaFind (null) failed! paaerrno 13, " + is_folder +
-                  "reader: config_key_value: fgets failed, " + is_folder +
-                  "reader: config_paragraph: fgets failed, " + is_folder);
+    EXPECT_EQ(lines, not_read + not_read + "reader: config_read2paa: Cannot open config file \"" + missing + "\" " +
+                         none + "reader: config_value: paaFind k failed! paaerrno 12, errmsg " + none +
+                         "reader: config_nvalues: paaFind k failed! paaerrno 12, errmsg " + none +
+                         "reader: config_key_value: fgets failed, " + is_folder +
+                         "reader: config_read: paaFind (null) failed! paaerrno 13, " + is_folder +
+                         "reader: config_key_value: fgets failed, " + is_folder +
+                         "reader: config_paragraph: fgets failed, " + is_folder);
     EXPECT_EQ(key, nullptr);
     EXPECT_EQ(value, nullptr);
     EXPECT_EQ(content(own), (Pairs{{"kept", "x"}}));

@@ -167,6 +167,7 @@ TEST_F(CgiInput, CutsFormsIntoParts) {
         {"empty file field", part("; name=\"f\"; filename=\"\"\r\nContent-Type: text/x", "") + z, "&f=%0d%0a&z=26"},
         {"upload without type", part("; name=\"f\"; filename=\"x\"", "one\r\ntwo") + z, "&f=two&z=26"},
         {"the last of equal names", a + part("; name=\"a\"", "2") + z, "&a=2&z=26"},
+        {"many parts", repeated(a, 2000) + z, "&a=1&z=26"},
         {"no end", a + part("; name=\"b\"", "2"), "&a=1&b=2"},
         {"cut in a body", a.substr(0, a.size() - 2), "&a=1"},
         {"cut in a head", a + z.substr(0, 30), "&a=1"},

@@ -116,18 +116,21 @@ TEST(StartFailure, IsToldOnStandardOutputUntilThereIsALog) {
 }
 
 TEST(StartFailure, OfALongPathComesAtTheExactLength) {
-    const std::tuple<size_t, StartForm, const char *> rows[] = {
-        {1013, {.log = 1}, "11 prog: Cannot open or create file "},
-        {1014, {.log = 1}, "14 prog: Path names too long ! rootdir "},
-        {1012, {.processes = 1}, "12 prog: Cannot open or create file "},
-        {1013, {.processes = 1}, "14 prog: Path names too long ! rootdir "},
+    struct Row {
+        size_t lengthOfBoth;
+        StartForm form;
+        std::string told, behind;
     };
-    for (const auto &[length_of_both, form, told] : rows) {
-        const std::string folder(length_of_both - 4, 'd');
-        const std::string ended = outcome([&, how = form](Child &) {
-            return -start({"prog", "-VELROOT", folder}, how);
-        });
-        EXPECT_TRUE(ended.starts_with(told + folder)) << ended;
+    const std::string open = " prog: Cannot open or create file ", no_open = " ! errmsg: File name too long!\n";
+    for (const Row &row : {Row{1013, {.log = 1}, "11" + open, "/log/prog.log" + no_open},
+                           Row{1014, {.log = 1}, "14 prog: Path names too long ! rootdir ", " name prog\n"},
+                           Row{1012, {.processes = 1}, "12" + open, "/status/prog.1" + no_open},
+                           Row{1013, {.processes = 1}, "14 prog: Path names too long ! rootdir ", " name prog\n"}}) {
+        const std::string folder(row.lengthOfBoth - 4, 'd');
+        EXPECT_EQ(outcome([&](Child &) {
+                      return -start({"prog", "-VELROOT", folder}, row.form);
+                  }),
+                  row.told + folder + row.behind);
     }
 }
 
