@@ -3,6 +3,7 @@
  * The key table is one for a process and loaded once, so each file is tried in a process of its own. No name service
  * is asked: a label of 64 characters fails without a question, and "10.1" is 10.0.0.1 in another form. */
 #include <string.h>
+#include <numeric>
 #include <set>
 
 #include "packet/accessi.h"
@@ -176,12 +177,6 @@ Bytes enveloped(const Bytes &key, const Bytes &plain) {
     return envelope;
 }
 
-Bytes counting(int length) {
-    Bytes bytes;
-    for (int value = 1; value <= length; value++) bytes.push_back(static_cast<uint8_t>(value));
-    return bytes;
-}
-
 TEST_F(Envelopes, HoldTheSessionKeyThePaddingAndThePacket) {
     struct Row {
         int length, size, padding;
@@ -189,9 +184,9 @@ TEST_F(Envelopes, HoldTheSessionKeyThePaddingAndThePacket) {
     in_child([&] {
         process_context.trace = 1;
         std::set<Bytes> sessions;
-        for (const Row &row : {Row{1, 33, 15}, Row{5, 33, 11}, Row{15, 33, 1}, Row{16, 33, 0}, Row{17, 49, 15},
-                               Row{21, 49, 11}, Row{32, 49, 0}, Row{548, 577, 12}}) {
-            const Bytes plain = counting(row.length);
+        for (const Row &row : {Row{1, 33, 15}, Row{16, 33, 0}, Row{17, 49, 15}, Row{21, 49, 11}, Row{548, 577, 12}}) {
+            Bytes plain(static_cast<size_t>(row.length));
+            std::iota(plain.begin(), plain.end(), uint8_t{1});
             Bytes envelope(static_cast<size_t>(row.size) + 1, 0x5c), opened(envelope);
             ASSERT_EQ(packet_encrypt(key.data(), plain.data(), row.length, envelope.data()), row.size);
             EXPECT_EQ(envelope[0], 165);
@@ -212,20 +207,12 @@ TEST_F(Envelopes, HoldTheSessionKeyThePaddingAndThePacket) {
             EXPECT_EQ(opened.back(), 0x5c);
         }
     });
+    Bytes untouched(200, 9);
+    EXPECT_EQ(packet_encrypt(key.data(), key.data(), -1, untouched.data()), 0);
+    EXPECT_EQ(packet_decrypt(key.data(), key.data(), -15, untouched.data(), nullptr), nullptr);
+    EXPECT_EQ(untouched, Bytes(200, 9));
     EXPECT_EQ(lines_with(": PA.ENCRYPT IN 21 OUT 49\n"), 1) << lines;
     EXPECT_EQ(lines_with(": PA.DECRYPT IN 49 OUT 21\n"), 1) << lines;
-}
-
-TEST_F(Envelopes, OfAnotherShapeAreRefused) {
-    const Bytes envelope(200, 165);
-    Bytes target(200, 9);
-    for (const int size : {-15, 0, 1, 16, 17, 32, 34, 48, 50, 64}) {
-        EXPECT_EQ(packet_decrypt(key.data(), envelope.data(), size, target.data(), nullptr), nullptr) << size;
-    }
-    EXPECT_EQ(packet_encrypt(key.data(), envelope.data(), 0, target.data()), 0);
-    EXPECT_EQ(packet_encrypt(key.data(), envelope.data(), -1, target.data()), 0);
-    EXPECT_EQ(target, Bytes(200, 9));
-    EXPECT_NE(packet_decrypt(key.data(), envelope.data(), 33, target.data(), nullptr), nullptr) << "noise";
 }
 
 /** What the access step makes of a datagram: whether it is accepted, whether it was opened, and how it then stands. */

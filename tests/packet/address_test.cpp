@@ -6,8 +6,6 @@
 
 namespace {
 
-std::string repeat(int count, char character) { return std::string(static_cast<size_t>(count), character); }
-
 class BindAddress : public SocketTest {};
 class Names : public SocketTest {};
 class AddressForms : public SocketTest {};
@@ -18,16 +16,11 @@ TEST_F(BindAddress, TextComesFromTheFirstLineOfTheFileUnlessItIsAnOption) {
         std::string file;
         const char *expected;
     };
-    const std::string longest = repeat(4096, 'a');
-    for (const Row &row : {Row{"10.0.0.1\n", "10.0.0.1"},
-                           {" \t\v\f\r10.0.0.1 \t;-\r\n", "10.0.0.1"},
-                           {"10.0.0.1", "10.0.0.1"},
-                           {"10.0.0.1 # here\nnext\n", "10.0.0.1 # here"},
-                           {"host.example.\n", "host.example."},
-                           {";;;\n", ";"},
-                           {"\nhost\n", nullptr},
-                           {" \t \r\n", nullptr},
-                           {repeat(5000, 'a') + "\n", longest.c_str()}}) {
+    const std::string longest(4096, 'a');
+    for (const Row &row : {Row{"10.0.0.1\n", "10.0.0.1"}, Row{" \t\v\f\r10.0.0.1 \t;-\r\n", "10.0.0.1"},
+                           Row{"10.0.0.1", "10.0.0.1"}, Row{"10.0.0.1 # here\nnext\n", "10.0.0.1 # here"},
+                           Row{"host.example.\n", "host.example."}, Row{";;;\n", ";"}, Row{"\nhost\n", nullptr},
+                           Row{" \t \r\n", nullptr}, Row{std::string(5000, 'a') + "\n", longest.c_str()}}) {
         root.write("etc/bindip", row.file);
         EXPECT_STREQ(packet_bindip(), row.expected) << row.file.substr(0, 40);
     }
@@ -37,7 +30,7 @@ TEST_F(BindAddress, TextComesFromTheFirstLineOfTheFileUnlessItIsAnOption) {
 
 TEST_F(BindAddress, IsWorkedOutByItsFirstCharacter) {
     EXPECT_EQ(packet_bindaddr(), 0U);
-    const std::string unknown = repeat(64, 'x');  // no label of a name may be so long: fails without a question
+    const std::string unknown(64, 'x');  // no label of a name may be so long: fails without a question
     for (const auto &[text, expected] : {std::pair{"127.0.0.9", "127.0.0.9"},
                                          {"9x", "0.0.0.0"},
                                          {"-127.0.0.9", "0.0.0.0"},
@@ -66,7 +59,7 @@ TEST_F(Names, GiveAddressesInHostOrder) {
 }
 
 TEST_F(Names, ThatAreUnknownAreReported) {
-    const std::string unknown = "9" + repeat(64, 'x');
+    const std::string unknown = "9" + std::string(64, 'x');
     const std::string lines = told([&] {
         uint32_t ip = 7;
         PacketAddress *address = nullptr;

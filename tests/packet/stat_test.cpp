@@ -2,7 +2,6 @@
 #include "packet/stati.h"
 
 #include "tests/packet/sockets.h"
-#include "tests/support/bytes.h"
 
 namespace {
 
@@ -39,55 +38,27 @@ Counts take(int type, PacketSide side = PACKET_REMOTE) {
     return counts;
 }
 
-std::string report(time_t (*clock)(time_t *)) {
-    return printed([clock](FILE *stream) { packet_stat_report(stream, clock); });
-}
-
-/** The first numbers of the report behind these labels. */
-std::string reported(std::initializer_list<const char *> labels) {
-    const std::string all = report([](time_t *) { return NOW; });
-    std::string numbers;
-    for (const char *label : labels) {
-        std::smatch found;
-        if (std::regex_search(all, found, std::regex(std::string("\n ") + label + " +(\\d+)\n"))) numbers += found[1];
-        numbers += ' ';
-    }
-    return numbers;
-}
-
 TEST_F(Statistics, ClassifyByTheFirstBytes) {
-    struct Row {
-        std::string packet;
-        int expected;
-    };
-    const std::string shown_key = "a4" + std::string(32, '7');
-    for (const Row &row : {Row{"", 512},
-                           {"00", 0},
-                           {"3d", 61},
-                           {"ffff", 255},
-                           {"05 00000001 2a", 5},
-                           {"03 00000000", 512},
-                           {"03 00000000 2a", 298},
-                           {"04 00000000", 512},
-                           {"04 00000000 2a", 4},
-                           {"04 00000001 2a", 298},
-                           {"04 01000000 ff", 511},
-                           {"04 01000000", 512},
-                           {"15 00000000 0000 2a", 21},
-                           {"16 00000000 0000", 512},
-                           {"16 00000000 0000 2a", 298},
-                           {"1e 00000000 0000 00", 256},
-                           {"1f 00000000 0000 2a", 31},
-                           {"0d 00", 512},
-                           {"0d 0000 00", 512},
-                           {"0d 0000 00 04 00000001 80", 384},
-                           {"0d 0000 00 0d 0000 00 97", 151},
-                           {"a4 0000", 512},
-                           {shown_key, 512},
-                           {shown_key + "97", 151},
-                           {shown_key + "0d 0000 00 03 00000000 01", 257}}) {
-        const Bytes packet = bytes_of(row.packet);
-        EXPECT_EQ(packet_stat_type(packet.data(), static_cast<int>(packet.size())), row.expected) << row.packet;
+    const std::string key = "a4" + std::string(32, '7');
+    const std::vector<std::pair<int, std::vector<std::string>>> rows = {
+        {512, {"", "03 00000000", "04 01000000", "16 00000000 0000", "0d 0000 00", key}},  // of no type
+        {0, {"00"}},
+        {255, {"ffff"}},
+        {4, {"04 00000000 2a"}},
+        {5, {"05 00000001 2a"}},
+        {21, {"15 00000000 0000 2a"}},
+        {31, {"1f 00000000 0000 2a"}},
+        {151, {"0d 0000 00 0d 0000 00 97", key + "97"}},  // behind heads and a key
+        {256, {"1e 00000000 0000 00"}},
+        {257, {key + "0d 0000 00 03 00000000 01"}},
+        {298, {"03 00000000 2a", "04 00000001 2a", "16 00000000 0000 2a"}},
+        {384, {"0d 0000 00 04 00000001 80"}},
+        {511, {"04 01000000 ff"}}};
+    for (const auto &[expected, packets] : rows) {
+        for (const std::string &notation : packets) {
+            const Bytes packet = bytes_of(notation);
+            EXPECT_EQ(packet_stat_type(packet.data(), static_cast<int>(packet.size())), expected) << notation;
+        }
     }
     EXPECT_EQ(packet_stat_type(nullptr, 5), 512);
     EXPECT_EQ(packet_stat_type(PING, -1), 512);
@@ -170,7 +141,10 @@ TEST_F(Statistics, ReportShowsTotalsAndRates) {
     };
     static time_t next;
     next = NOW;
-    EXPECT_EQ(report([](time_t *) { return next++; }),  // each window asks for the time
+    const std::string report = printed([](FILE *stream) {
+        packet_stat_report(stream, [](time_t *) { return next++; });  // each window asks for the time
+    });
+    EXPECT_EQ(report,
               "\nPacket Statistics:\n\nRemote Packets:\n"
               " packet_read calls 2\n packet_read fails 1\n packets received  61\n gigabytes recvd   0\n"
               " bytes received    3538\n sendto calls      3\n sendto fails      1\n packets sent      61\n"

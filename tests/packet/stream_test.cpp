@@ -62,13 +62,8 @@ protected:
     }
     /** Calls, fails, packets and bytes of reads, then of sends, as the report has them. */
     static std::string counts() {
-        const std::string text = printed(packet_statistics);
-        std::string numbers;
-        for (const char *label :
-             {"packet_read calls ", "packet_read fails ", "packets received  ", "bytes received    ",
-              "sendto calls      ", "sendto fails      ", "packets sent      ", "bytes sent        "})
-            numbers += std::to_string(atol(strstr(text.c_str(), label) + 18)) + " ";
-        return numbers;
+        return reported({"packet_read calls", "packet_read fails", "packets received", "bytes received",
+                         "sendto calls", "sendto fails", "packets sent", "bytes sent"});
     }
 };
 
@@ -140,6 +135,7 @@ TEST_F(Stream, FailedCallsHaveTheirCodesAndLines) {
     EXPECT_EQ(counts(), "1 1 0 0 4 2 0 0 ");
     told([&] {
         EXPECT_EQ(packet_readTCP(-1, &byte, 1), PACKETERRBADSOCKET);
+        EXPECT_EQ(errno, EBADF);
         EXPECT_EQ(packet_sendTCP(-1, &byte, 1), PACKETERRBADSOCKET);
     });
     EXPECT_EQ(counts(), "1 3 0 0 4 2 0 0 ");
