@@ -4,7 +4,6 @@
 #include "ivs/ivssrdpi.h"
 #include "tests/packet/sockets.h"
 #include "tests/support/accesskey.h"
-#include "tests/support/bytes.h"
 
 namespace {
 
@@ -26,16 +25,11 @@ protected:
     const PacketAddress to = name_of(server.get());
     const Bytes key = bytes_of("123456789abcdef0123456789abcdef0");
 
-    std::string received() const {
-        uint8_t bytes[2000];
-        const ssize_t length = recv(server.get(), bytes, sizeof bytes, MSG_DONTWAIT);
-        return length < 0 ? "nothing" : hex_of(bytes, static_cast<size_t>(length));
-    }
     /** What a sender sends when it is given these arguments between socket and address. */
     template <class... Parameters, class... Arguments>
     std::string sent(int (*sender)(int, Parameters...), Arguments... arguments) const {
         EXPECT_EQ(sender(client.get(), arguments..., &to, static_cast<int>(sizeof to)), 0);
-        return received();
+        return received(server);
     }
     void show_key() const {
         ivs_pending_key = key.data();
@@ -64,11 +58,9 @@ TEST_F(Senders, WriteTheFieldsOfTheirPackets) {
               hex("06 01020304 01 7e c11170 01fffe04 7d 03 04"));
     EXPECT_EQ(sent(ivs_snd_cupd, 116, 0U, CID, PLACE, TURN, -2, 3, 4, 200U),
               hex("06 01020304 01 7e c11170 01fffe04 7d 03 04 80c8"));
-    EXPECT_EQ(sent(ivs_snd_cofa, 5, "abc", 3), hex("09 05 'abc'"));
     EXPECT_EQ(sent(ivs_snd_redi, 0, SID, CID, PKT, 3, IP, PORT), hex("0a 81020304 01020304 c1c2 03 0a000001 0fa0"));
     EXPECT_EQ(sent(ivs_snd_redi, 0, 0U, 0U, PKT, 3, IP, PORT), hex("0a 03 0a000001 0fa0"));
     EXPECT_EQ(sent(ivs_snd_text, CID, "hello", 5), hex("0b 01020304 'hello'"));
-    EXPECT_EQ(sent(ivs_snd_noti, 0U, CID), hex("0c 01020304"));
     EXPECT_EQ(sent(ivs_snd_noti, SID, CID), hex("0c 81020304 01020304"));
     EXPECT_EQ(sent(ivs_snd_soff, SID, CID, PKT), hex("0f 81020304 01020304 c1c2"));
     EXPECT_EQ(sent(ivs_snd_ggrp, SID, EXTENDED, PKT, 9U, "top", "des"),
@@ -91,22 +83,14 @@ TEST_F(Senders, WriteTheFieldsOfTheirPackets) {
 TEST_F(Senders, CutWhatDoesNotFit) {
     const std::string much = x(700);
     const char *text = much.c_str();
-    const std::string head = "01020304 06";
-    EXPECT_EQ(sent(ivs_snd_geti, 5U, 0U, PKT, 7, 9U, 700, text, 0, "", 0, "", 0, ""),
-              hex("01 00000005") + hex_x(543));
-    EXPECT_EQ(sent(ivs_snd_seti, 0U, PKT, CID, WORD, 1U, text, 700), hex("02 01020304 00000001") + hex_x(539));
-    EXPECT_EQ(sent(ivs_snd_getx, CID, 6, text, 700), hex("03" + head) + hex_x(542));
-    EXPECT_EQ(sent(ivs_snd_setx, CID, 6, text, 543), hex("04" + head) + hex_x(542));
-    EXPECT_EQ(sent(ivs_snd_ackx, CID, 6, 542, text), hex("05" + head) + hex_x(541));
-    EXPECT_EQ(sent(ivs_snd_text, CID, text, 544), hex("0b 01020304") + hex_x(543));
-    EXPECT_EQ(sent(ivs_snd_typed, 30, 0U, CID, PKT, 6, text, 700), hex("1e 01020304 c1c2 06") + hex_x(540));
+    EXPECT_EQ(sent(ivs_snd_getx, CID, 6, text, 700), hex("03 01020304 06") + hex_x(542));
+    EXPECT_EQ(sent(ivs_snd_setx, CID, 6, text, 543), hex("04 01020304 06") + hex_x(542));
+    EXPECT_EQ(sent(ivs_snd_ackx, CID, 6, 542, text), hex("05 01020304 06") + hex_x(541));
     EXPECT_EQ(sent(ivs_snd_ggrp, 0U, CID, PKT, 9U, "t", text), hex("10 01020304 00000009 01't'") + hex_x(537));
     EXPECT_EQ(sent(ivs_snd_ggrp, 0U, EXTENDED, PKT, 9U, "t", text),
               hex("10 41020304 c1c2 00000009 01't' 16") + hex_x(534))
         << "534 is 0x216: its low byte counts";
     EXPECT_EQ(sent(ivs_snd_ggrp, 0U, CID, PKT, 9U, text, "d"), hex("10 01020304 00000009 1a") + hex_x(538));
-    EXPECT_EQ(sent(ivs_snd_sgrp, 0, 0U, CID, PKT, WORD, OTHER, 9U, 700, text),
-              hex("11 01020304 a1a2a3a4 b1b2b3b4 00000009") + hex_x(531));
     EXPECT_EQ(sent(ivs_snd_sgrp, 0, 0U, EXTENDED, PKT, WORD, OTHER, 9U, 259, text),
               hex("11 41020304 c1c2 a1a2a3a4 b1b2b3b4 00000009 03'xxx'"));
     EXPECT_EQ(sent(ivs_snd_logi, 1U, PKT, x(256).c_str(), x(255).c_str()),
@@ -121,11 +105,9 @@ TEST_F(Senders, CutWhatDoesNotFit) {
 TEST_F(Senders, ShowThePendingKeyWithinTheirLimit) {
     const std::string much = x(700), shown = "a4" + hex_of(key);
     const auto under_key = [&](auto... call) { return show_key(), sent(call...); };
-    EXPECT_EQ(under_key(ivs_snd_setx, CID, 6, "ab", 2), shown + hex("04 01020304 06 'ab'"));
     EXPECT_EQ(under_key(ivs_snd_setx, CID, 6, much.c_str(), 700), shown + hex("04 01020304 06") + hex_x(525));
     EXPECT_EQ(under_key(ivs_snd_typed, 25, 0U, CID, PKT, 6, much.c_str(), 700),
               shown + hex("19 01020304 c1c2 06") + hex_x(523));
-    EXPECT_EQ(under_key(ivs_snd_cofa, 6, much.c_str(), 700), shown + hex("09 06") + hex_x(548));
     EXPECT_EQ(under_key(ivs_snd_keep, SID), hex("15 81020304")) << "shows none, but takes it";
     EXPECT_EQ(sent(ivs_snd_setx, CID, 6, "ab", 2), hex("04 01020304 06 'ab'"));
 }
@@ -139,7 +121,7 @@ TEST_F(Senders, LookTheKeyUpForEachOfTheirPackets) {
         const std::vector<uint32_t> words(137, WORD);
         self.report(sent(ivs_snd_cver, 0U, IP, PORT));
         self.report(sent(ivs_snd_clal, words.data(), 137).substr(0, 36));
-        self.report(received());
+        self.report(received(server));
         return 0;
     });
     const std::string shown = "a4" + hex_of(key);
@@ -173,17 +155,12 @@ TEST_F(Senders, ReliablePacketsCarryTheFirstWordInTheirHead) {
 
 TEST_F(Senders, ClientListTakes136WordsAPacket) {
     const std::vector<uint32_t> words(273, WORD);
-    const auto rest = [&] {
-        std::string lengths;
-        for (std::string next = received(); next != "nothing"; next = received()) {
-            lengths += std::to_string(next.size() / 2) + " ";
-        }
-        return lengths;
-    };
     for (const auto &[count, lengths] :
-         {std::pair{0, ""}, {-1, ""}, {1, "5 "}, {136, "545 "}, {137, "545 5 "}, {273, "545 545 5 "}}) {
+         {std::pair{0, ""}, {-1, ""}, {136, "545 "}, {137, "545 5 "}, {273, "545 545 5 "}}) {
         EXPECT_EQ(ivs_snd_clal(client.get(), words.data(), count, &to, sizeof to), 0);
-        EXPECT_EQ(rest(), lengths) << count;
+        std::string seen;
+        for (const std::string &each : all_received(server)) seen += std::to_string(each.size() / 2) + " ";
+        EXPECT_EQ(seen, lengths) << count;
     }
     EXPECT_EQ(sent(ivs_snd_clal, words.data(), 2), hex("80 a1a2a3a4 a1a2a3a4"));
 }
@@ -204,8 +181,9 @@ TEST_F(NeighbourUpdate, WritesEachVersionsCoding) {
     const std::string old_base = "00000001 00011170 80000000", base = "01 c11170 f080000000";
     EXPECT_EQ(update(108, near, 1, 2),
               hex("07" + old_base + "02 02 a1a2a3a4 a1a2a3a4 03 01 a1a2a3a4 ffff ffff ffff 010203ff"));
-    EXPECT_EQ(update(109, near, 1), hex("07" + base + "02 00 03 01 a1a2a3a4 7e 7e 7e 010203ff"));
-    EXPECT_EQ(update(115, near, 1), hex("07" + base + "02 00 03 01 a1a2a3a4 7e 7e 7e 010203ff"));
+    for (const int version : {109, 115}) {
+        EXPECT_EQ(update(version, near, 1), hex("07" + base + "02 00 03 01 a1a2a3a4 7e 7e 7e 010203ff"));
+    }
     EXPECT_EQ(update(116, near, 1), hex("07" + base + "02 00 03 01 a1a2a3a4 7e 7e 7e 010203ff 80c8"));
     EXPECT_EQ(update(116, near, 0, 0, EXTENDED, SID), hex("07 81020304 41020304" + base + "02 00 03 00"));
     process_context.trace = 1;
@@ -218,8 +196,8 @@ TEST_F(NeighbourUpdate, SharesItsRoomBetweenEntriesAndWords) {
     struct Row {
         int entries, words, entries_sent, words_sent;
     };
-    for (const Row &row : {Row{40, 0, 35, 0}, Row{0, 200, 0, 131}, Row{60, 60, 27, 28}, Row{30, 20, 29, 20},
-                           Row{10, 100, 10, 94}, Row{INT32_MAX, INT32_MAX, 27, 28}, Row{-1, -1, 0, 0}}) {
+    for (const Row &row : {Row{40, 0, 35, 0}, Row{0, 200, 0, 131}, Row{30, 20, 29, 20}, Row{10, 100, 10, 94},
+                           Row{INT32_MAX, INT32_MAX, 27, 28}, Row{-1, -1, 0, 0}}) {
         const std::string packet = update(108, near, row.entries, row.words);
         const auto words = static_cast<size_t>(row.words_sent);
         EXPECT_EQ(std::stoi(packet.substr(28, 2), nullptr, 16), row.words_sent);

@@ -11,7 +11,6 @@
 #include "ivs/ivssrdpi.h"
 #include "tests/packet/sockets.h"
 #include "tests/support/accesskey.h"
-#include "tests/support/bytes.h"
 
 namespace {
 
@@ -42,24 +41,11 @@ protected:
     const OwnedFd ours{packet_clt_socket_ip(LOOPBACK)}, peer{packet_clt_socket_ip(LOOPBACK)};
     const PacketAddress to = name_of(peer.get());
 
-    std::vector<uint16_t> ports;  // from which packets came
-
     /** What has arrived at the peer, in hex. */
-    std::vector<std::string> arrived() {
-        std::vector<std::string> all;
-        uint8_t bytes[2000];
-        PacketAddress from{};
-        socklen_t size = sizeof from;
-        auto *const name = reinterpret_cast<sockaddr *>(&from);
-        for (ssize_t length; (length = recvfrom(peer.get(), bytes, sizeof bytes, MSG_DONTWAIT, name, &size)) >= 0;) {
-            all.push_back(hex_of(bytes, static_cast<size_t>(length)));
-            ports.push_back(ntohs(from.sin_port));
-        }
-        return all;
-    }
+    std::vector<std::string> arrived() const { return all_received(peer); }
 
     /** Sends TEXT with the given word and body; gives the packet as it came. */
-    std::string send(double seconds, uint32_t owner = 0, const Bytes &body = {}) {
+    std::string send(double seconds, uint32_t owner = 0, const Bytes &body = {}) const {
         const timeval clock = at(seconds);
         srdp_send_at(clock, ours.get(), clock.tv_sec, htonl(owner), owner, IVS_TYPE_TEXT, body.data(),
                      static_cast<int>(body.size()), &to, sizeof to);
@@ -177,10 +163,17 @@ TEST_F(Srdp, RepeatsOnTheTimersSocketOrThatOfAForwardedPacket) {
     srdp_forward_at(at(0), other.get(), ahead, 9, packet.data(), 600, &to, sizeof to);
     EXPECT_NE(hex_of(packet).substr(2, 4), "ffff");
     EXPECT_EQ(arrived().back(), hex_of(packet));
-    ports.clear();
     tick(4.1);
-    EXPECT_EQ(arrived().back(), hex_of(packet.data(), 548));
-    EXPECT_EQ(ports, std::vector<uint16_t>({port_of(ours.get()), port_of(other.get())}));
+    for (const OwnedFd *from : {&ours, &other}) {
+        PacketAddress sender{};
+        Bytes again(600);
+        int size = sizeof sender;
+        timeval wait{10, 0};
+        const int length = packet_read(peer.get(), again.data(), 600, &sender, &size, &wait);
+        EXPECT_EQ(ntohs(sender.sin_port), port_of(from->get()));
+        EXPECT_EQ(length, from == &ours ? 9 : 548);
+        EXPECT_TRUE(from == &ours || memcmp(again.data(), packet.data(), 548) == 0);
+    }
     tick(67.9);
     EXPECT_EQ(total(SRDP_PPE), 2U);
     tick(71);
@@ -374,17 +367,14 @@ TEST_F(Srdp, WhatCameInAnEnvelopeIsAcknowledgedInOne) {
         process_context.noAccessKeyCheck = 0;
         root.write("etc/access.key", "127.0.0.1 encrypt " + key.text() + "\n");
         const std::string envelope = key.sealed(packet);
-        const PacketAddress our_address = name_of(ours.get());
-        sendto(peer.get(), envelope.data(), envelope.size(), 0, reinterpret_cast<const sockaddr *>(&our_address), 16);
-        uint8_t buffer[200];
-        PacketAddress from{};
-        int size = sizeof from;
-        timeval wait{5, 0};
-        const int length = packet_read(ours.get(), buffer, sizeof buffer, &from, &size, &wait);
-        self.report(std::to_string(ivs_srdp_packet(ours.get(), T, buffer, length, &from, size)));
-        const ssize_t got = recv(peer.get(), buffer, sizeof buffer, 0);
-        const auto plain = key.opened({reinterpret_cast<char *>(buffer), static_cast<size_t>(got)});
-        self.report(plain ? hex_of(plain->data(), plain->size()) : "in clear");
+        const PacketAddress our_name = name_of(ours.get());
+        packet_sendto(peer.get(), envelope.data(), static_cast<int>(envelope.size()), &our_name, sizeof our_name);
+        char buffer[200];
+        const int length = packet_readUDP(ours.get(), buffer, sizeof buffer, nullptr, nullptr);
+        self.report(std::to_string(ivs_srdp_packet(ours.get(), T, buffer, length, &to, sizeof to)));
+        const Bytes back = bytes_of(received(peer));
+        const std::string plain = key.opened({back.begin(), back.end()}).value_or("in clear");
+        self.report(hex_of(plain.data(), plain.size()));
         return 0;
     });
     EXPECT_EQ(child.next_report(), "1");

@@ -1,12 +1,9 @@
-/* The trace printer: what the line of each type of packet shows, and that it never looks outside of the packet. */
-#include <arpa/inet.h>
-#include <ctype.h>
+/* The trace printer: what the line of each type of packet shows. That it never looks outside of the packet, and that no
+ * control byte gets into the line, is tried by the fuzz target. */
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/mman.h>
 #include <time.h>
-#include <unistd.h>
 #include <algorithm>
 #include <regex>
 #include <set>
@@ -14,6 +11,7 @@
 
 #include "ivs/ivsi.h"
 #include "tests/support/bytes.h"
+#include "tests/support/captured.h"
 
 namespace {
 
@@ -25,27 +23,17 @@ protected:
         setenv("TZ", "UTC", 1);
         tzset();
         ivs::trace_clock = [](timeval *now) { *now = {981173107, 123456}; };
-        stream = open_memstream(&text, &size);
     }
-    ~Trace() override {
-        ivs::trace_clock = clockBefore;
-        fclose(stream);
-        free(text);
-    }
+    ~Trace() override { ivs::trace_clock = clockBefore; }
 
     std::string traced(const void *packet, int length, const char *prefix = nullptr, const void *peer = nullptr) {
         timeval when{981173106, 7};
-        rewind(stream);
-        ivs_trace_packet(stream, &when, prefix, packet, length, peer);
-        return {text, size};
+        return printed([&](FILE *stream) { ivs_trace_packet(stream, &when, prefix, packet, length, peer); });
     }
     std::string traced(const Bytes &packet) { return traced(packet.data(), static_cast<int>(packet.size())); }
 
 private:
     void (*const clockBefore)(timeval *) = ivs::trace_clock;
-    FILE *stream;
-    char *text = nullptr;
-    size_t size = 0;
 };
 
 /** Types, what follows the type in a packet, and what follows the name in its line; "@" stands for the time of what is
@@ -91,11 +79,9 @@ const Row rows[] = {
     {"CUPD", "00000002 0a0b0c", "CID: 2 O: 10 11 12 "},
     {"NUPD", "80000001 40000002 00", "SID: 80000001 CID: 40000002 "},
     {"COFA", "05", "BADD "},
-    {"COFA", "0d", "0013 "},
     {"COFA", "ff 97 'x'", "0255 @  2 PING L: 1 \"x\""},
     {"COFA", "01 09 02 09 03", "UNCO @  4 COFA OORE @  2 COFA DUPL "},
     {"REDI", "03 7f000001 0fa0", "Code 3 127.0.0.1:4000 "},
-    {"REDI", "00000001 0102 03 7f", "CID: 1 PKT: 201 Code 3 127.0.0.0:0 "},
     {"REDI", "00000001 0102 03 7f000001 0fa0", "CID: 1 PKT: 201 Code 3 127.0.0.1:4000 "},
     {"TEXT", "00000001 'Hello' 07", "CID: 1 Hello."},
     {"NOTI", "80000001 00000002", "SID: 80000001 CID: 2 "},
@@ -107,6 +93,7 @@ const Row rows[] = {
     {"SOFF", "80000001 00000002 01", "SID: 80000001 CID: 2 "},
     {"SOFF", "80000001", "SID: 80000001 "},
     {"SOFF", "00000002", "CID: 2 "},
+    {"SOFF", "80", ""},
     {"GGRP", "00000001 000000ff 02 'ab' 'cd' 0d", "CID: 1 AT: ff TL: 2 TPC: \"ab DL: 3 DES: \"cd.\""},
     {"GGRP", "40000001 0102 000000ff 02 'ab' 01 'cd'",
      "CID: 40000001 PKT: 201 AT: ff TL: 2 TPC: \"ab DL: 1 DES: \"c\""},
@@ -114,10 +101,8 @@ const Row rows[] = {
     {"SGRP", "40000001 0102 0000000b 01000000 0000001f 01 'ab'",
      "CID: 40000001 PKT: 201 GID: b KEY: 1 AT: 31  TL: 1 TPC: \"a\""},
     {"GTXT GHIS", "80000001 00000002 0000000b 'ab'", "SID: 80000001 CID: 2 GID: b ab"},
-    {"LOGI ELGI", "00000074 0102 03 'Ann' 00 06 '\"pass' ff 00000074",
-     "VER: 116 PKT: 201 USERID \"Ann\" ENC 0 PASSWD \"\"pass\xff\" "},
-    {"LOGI ELGI", "00000074 0102 03 'A' 0a 'n' 01 03 'p' 1b00",
-     "VER: 116 PKT: 201 USERID \"A.n\" ENC 1 PASSWD \"p..\" "},
+    {"LOGI ELGI", "00000074 0102 03 'A' 0a 'n' 01 05 '\"p' ff1b00 00000074",
+     "VER: 116 PKT: 201 USERID \"A.n\" ENC 1 PASSWD \"\"p\xff..\" "},
     {"LOGA", "80000001 0102 00000074", "SID: 80000001 PKT: 201 VER: 116 "},
     {"KEEP", "00000001", "SID: 1 "},
     {"GETA", "80000001 0102 0d 0000000c", "SID: 80000001 PKT: 201 TCLL SCN c "},
@@ -157,19 +142,13 @@ const Row rows[] = {
     {"AUDA AUAN", "0102 1f 0405 2f 07", "1f-2f "},
     {"CGIR", "01", "USER"},
     {"CGIR", "02", "HOME"},
-    {"CGIR", "03", ""},
     {"PING", "'a' 00 'b'", "L: 3 \"a.b\""},
     {"PONG", "'ab'", "L: 2 \"ab\""},
     {"IGNO", "", "L: 0 \"\""},
     {"ACCK", "00112233445566778899aabbccddeeff", "\n"},
     {"ACCK", "00112233445566778899aabbccddeeff 0d 0102 03 09 01 97",
      "@  7 SRDP SRD: 102 F: 3 @  3 COFA UNCO @  1 PING L: 0 \"\"\n\n"},
-    {"GETI", "8000", "SID: 80000000 PKT: 0 ATTR 0 0 "},
-    {"SETX", "00000001 01 7f", "CID: 1 TADR 127.0.0.0:0 "},
-    {"GGRP", "00000001 000000ff 02 'a'", "CID: 1 AT: ff TL: 2 TPC: \"a. DL: 0 DES: \"\""},
     {"LOGI ELGI", "00000074 0102 04 'Ann'", "VER: 116 PKT: 201 USERID \"Ann.\" ENC 0 PASSWD \"\" "},
-    {"JOIN", "00000002 0000000b 00000003 02 00000010",
-     "CID: 2 GID: b NOF: 3 NEW 2 ID: 10 AccessType 0 ID: 0 AccessType 0 LEFT 0 "},
 };
 
 TEST_F(Trace, ShowsEachTypeInItsOwnWay) {
@@ -186,7 +165,6 @@ TEST_F(Trace, ShowsEachTypeInItsOwnWay) {
             shown.insert(packet[0]);
         }
     }
-    EXPECT_EQ(shown.size(), 63U) << "types with a row of their own";
     for (int type = 0; type < 256; type++) {
         if (shown.contains(type)) continue;
         const Bytes packet(5, static_cast<uint8_t>(type));
@@ -211,6 +189,9 @@ TEST_F(Trace, CutsLongTextAndShowsAllOfAQuote) {
     echo[0] = 151;
     EXPECT_EQ(traced(long_text), TIME + "5000 " + name + kept + "\n");
     EXPECT_EQ(traced(echo), TIME + "5000 PING L: 4999 \"" + quoted + "\"\n");
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGTERM), 0) << "signals are held while a line is written, and no longer";
 }
 
 TEST_F(Trace, FollowsAnyDepthOfPackets) {
@@ -221,28 +202,6 @@ TEST_F(Trace, FollowsAnyDepthOfPackets) {
     const Bytes reliable(32768, 13);
     const std::string lines = traced(reliable);
     EXPECT_TRUE(lines.ends_with("4 SRDP SRD: d0d F: 13 " + std::string(8193, '\n')));
-}
-
-TEST_F(Trace, NeverLeavesThePacketNorItsLine) {
-    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    void *pages = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    uint8_t *const end = static_cast<uint8_t *>(pages) + page;  // of what can be read
-    ASSERT_EQ(mprotect(end, page, PROT_NONE), 0);
-    Seeded source;
-    for (const int fill : {0x00, 0xff, 0x80, -1}) {
-        for (int round = 0; round <= 64 * 256; round++) {
-            const int length = (round + 255) / 256, type = round % 256;
-            for (int at = 1; at <= length; at++) end[-at] = static_cast<uint8_t>(fill < 0 ? source() : fill);
-            if (length > 0) end[-length] = static_cast<uint8_t>(type);
-            const std::string line = traced(end - length, length);
-            const size_t shown = line.find_last_not_of('\n') + 1;
-            ASSERT_LT(shown, line.size());
-            ASSERT_TRUE(std::none_of(line.begin(), line.begin() + static_cast<long>(shown), [](uint8_t each) {
-                return iscntrl(each);
-            })) << line;
-        }
-    }
-    munmap(pages, 2 * page);
 }
 
 }  // namespace
