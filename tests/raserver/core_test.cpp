@@ -8,11 +8,11 @@
 #include <cstring>
 #include <functional>
 #include <map>
-#include <random>
 
 #include "process/velproc.h"
 #include "raserver/raserveri.h"
 #include "tests/support/addresses.h"
+#include "tests/support/bytes.h"
 #include "tests/support/captured.h"
 #include "tests/support/testclient.h"
 
@@ -97,20 +97,19 @@ private:
 // ---- Sessions and time --------------------------------------------------------------------------------------------
 
 TEST_F(Core, StepOfTheWallClockMovesSessionsAndTheirSweepAndTheHook) {
-    static int hooks;
-    ra_server.onPeriodic = [](timeval *) { hooks++; };
+    ra_server.onPeriodic = count_periodic;
     for (const time_t step : {60, -60, 7200}) {
         deliver(10, request_datagram(1, {"a"}));
         tick(20);
-        hooks = calls = 0;
+        periodic_calls = calls = 0;
         ra_clock_was_set(&ra_server, step);
         start += step;  // the same moment, as the new clock shows it
         for (time_t second = 21; second < 60; second++) tick(second);
-        EXPECT_EQ(hooks, 0) << step;
+        EXPECT_EQ(periodic_calls, 0) << step;
         deliver(59, request_datagram(1, {"a"}));
         EXPECT_EQ(calls, 0) << "the reply is still there";
         tick(61);
-        EXPECT_EQ(hooks, 1) << step;
+        EXPECT_EQ(periodic_calls, 1) << step;
         EXPECT_EQ(ra_server.sessionCount, 1u) << step;
         tick(122);
         EXPECT_EQ(ra_server.sessionCount, 0u) << step;
@@ -356,9 +355,7 @@ TEST(FramedValue, IsUndone) {
 }
 
 TEST(FramedValue, CarriesAnyText) {
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::minstd_rand random(seed);
+    Seeded random;
     for (int round = 0; round < 500; ++round) {
         std::string text(random() % 50, 'x');
         for (char &byte : text) byte = static_cast<char>(1 + random() % 255);

@@ -105,10 +105,9 @@ ProgramEnd run_program(const Strings &words, const Strings &environment) {
 }
 
 ServerProcess::ServerProcess(Settings settings)
-    : settings_(std::move(settings)),
-      root_(settings_.beside != nullptr ? settings_.beside->root_ : std::make_shared<RootFolder>()),
-      port_(settings_.beside != nullptr ? settings_.beside->port_ : free_port(settings_.host)) {
-    if (settings_.beside == nullptr) root_->write("names.map", settings_.names);
+    : settings_(std::move(settings)), port_(free_port(settings_.host)) {
+    root_->write("names.map", settings_.names);
+    if (!settings_.keys.empty()) root_->write("etc/access.key", settings_.keys);
     start();
 }
 
@@ -132,7 +131,7 @@ Strings ServerProcess::arguments() const {
                         "-oid",     "tester",      "-opw",    "secret",       "-f",   root_->path("names.map")};
     words.insert(words.end(), usual.begin(), usual.end());
     if (!settings_.daemon) words.push_back("-D");
-    if (!settings_.checkKeys) words.push_back("-NOACCESSKEYCHECK");
+    if (!settings_.checkKeys && settings_.keys.empty()) words.push_back("-NOACCESSKEYCHECK");
     return words;
 }
 
@@ -146,7 +145,7 @@ void ServerProcess::start() {
         if (code != 104) {
             FAIL() << "the server did not start: code " << code << "\n" << root_->read("output");
         }
-        if (settings_.beside == nullptr) port_ = free_port(settings_.host);  // taken between the look and the bind
+        port_ = free_port(settings_.host);  // taken between the look and the bind
     }
     FAIL() << "no port";
 }
@@ -202,19 +201,6 @@ void ServerProcess::kill() {
 
 void ServerProcess::signal(int number) const {
     if (pid_ > 0) ::kill(pid_, number);
-}
-
-Strings ServerProcess::make_largest_reply() const {
-    std::string columns, values;
-    Strings request{"DB", "G", "WIDE", "ID", "1"};
-    for (int column = 1; column <= 8; ++column) {  // 2 bytes for "0", then 7 * 4001 and 3990 for the last
-        const std::string name = "C" + std::to_string(column);
-        columns += ", " + name + " TEXT";
-        values += ", substr(hex(zeroblob(2000)), 1, " + std::to_string(column == 8 ? 3989 : 4000) + ")";
-        request.push_back(name);
-    }
-    sql("CREATE TABLE WIDE (ID VARCHAR2(4) PRIMARY KEY" + columns + "); INSERT INTO WIDE VALUES (1" + values + ")");
-    return request;
 }
 
 void ServerProcess::wait_idle() const {

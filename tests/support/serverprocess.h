@@ -38,9 +38,9 @@ public:
         std::string database = "";              // value of -odb; empty: the file that sql() works on
         std::string databaseOptions = "";       // behind that file's name
         bool checkKeys = false;                 // leave -NOACCESSKEYCHECK out
+        std::string keys = "";                  // content of etc/access.key; these are checked
         bool daemon = false;                    // leave -D out: with the handlers that a daemon alone has
         const char *host = "127.0.0.1";         // address to bind to
-        const ServerProcess *beside = nullptr;  // take this one's port and root folder
     };
 
     ServerProcess() : ServerProcess(Settings{}) {}
@@ -64,10 +64,6 @@ public:
     /** The first value of the first row; "NULL" for none. */
     std::string value(const std::string &text) const;
 
-    /** Makes a table WIDE with a record that fills a reply to the last byte, 31,999 behind the header; gives the
-     *  request for it. The last of its columns, C1 to C8, holds 3989 zeros. */
-    Strings make_largest_reply() const;
-
     /** Waits until the server sleeps, so that a signal meets it between two events. */
     void wait_idle() const;
 
@@ -90,7 +86,7 @@ private:
     void report();
 
     Settings settings_;
-    std::shared_ptr<RootFolder> root_;
+    const std::unique_ptr<RootFolder> root_ = std::make_unique<RootFolder>();
     uint16_t port_;
     pid_t pid_ = -1;
 };

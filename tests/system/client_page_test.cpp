@@ -6,14 +6,10 @@
 namespace {
 
 TEST(ClientPage, HoldsProgramsThatWork) {
-    ServerProcess server({.checkKeys = true});
+    const ServerProcess server({.keys = "127.0.0.1 encrypt abcdefghijklmnopponmlkjihgfedcba\n"});
     server.sql(
         "CREATE TABLE USERS (ID VARCHAR2(20) PRIMARY KEY, NAME VARCHAR2(40), CITY VARCHAR2(20));"
         "INSERT INTO USERS VALUES ('anna', 'Anna Berg', 'Rom'), ('bert', 'Bert', ''), ('cleo', 'Cleo', '')");
-    server.stop();
-    server.root().write("etc/access.key", "127.0.0.1 encrypt abcdefghijklmnopponmlkjihgfedcba\n");
-    server.start();
-
     for (const auto &[program, output] : std::initializer_list<std::pair<const char *, const char *>>{
              {"client_page_c", "0\nAnna Berg\nRom\n"},
              {"client_page_cpp", "0\nanna\nAnna Berg\nbert\nBert\ncleo\nCleo\n"},

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <stdio.h>
 
-#include "tests/support/bytes.h"
 #include "tests/support/serverprocess.h"
 
 namespace {
@@ -20,7 +19,7 @@ constexpr char KEY[] = "abcdefghijklmnopponmlkjihgfedcba", OTHER_KEY[] = "cccccc
 
 class ClientProgram : public testing::Test {
 protected:
-    ServerProcess server{{.checkKeys = true}};
+    ServerProcess server{{.keys = std::string("127.0.0.1 encrypt ") + KEY + "\n"}};
     const std::string port = std::to_string(server.port());
     const std::string root = server.root().path();
 
@@ -28,10 +27,7 @@ protected:
         server.sql(
             "CREATE TABLE USERS (ID VARCHAR2(20) PRIMARY KEY, NAME VARCHAR2(40), VISITS VARCHAR2(8));"
             "INSERT INTO USERS VALUES ('anna', 'Anna \"B.\"', '0000000f'), ('bj', 'Bj\u00f6rn', NULL),"
-            "('lat', CAST(x'4BF61B5B' AS TEXT), '1')");
-        server.stop();
-        server.root().write("etc/access.key", std::string("127.0.0.1 encrypt ") + KEY + "\n");
-        server.start();
+            "('lat', CAST(x'4BF60A095C1B5B' AS TEXT), '1')");
     }
     /** With options in front, HOST and PORT, and what follows; under the server's key. */
     ProgramEnd raclient(const Strings &options, const Strings &rest) const {
@@ -49,14 +45,14 @@ protected:
 };
 
 TEST_F(ClientProgram, ShowsAnswersInEachForm) {
-    EXPECT_EQ(raclient({}, list).output, "0\nanna\nAnna \"B.\"\n0000000f\nbj\nBj\u00f6rn\n\nlat\nK\xf6\\x1b[\n1\n");
-    EXPECT_EQ(
-        raclient({"--json"}, list).output,
-        "[\"0\",\"anna\",\"Anna \\\"B.\\\"\",\"0000000f\",\"bj\",\"Bj\u00f6rn\",\"\",\"lat\",\"K\\u00f6\\u001b[\","
-        "\"1\"]\n");
-    const std::string rows = "anna  Anna \"B.\"  0000000f\nbj    Bj\u00f6rn\nlat   K\xf6\\x1b[    1\n";
+    const std::string latin = "K\xf6\\n\\t\\\\\\x1b[";
+    EXPECT_EQ(raclient({}, list).output, "0\nanna\nAnna \"B.\"\n0000000f\nbj\nBj\u00f6rn\n\nlat\n" + latin + "\n1\n");
+    EXPECT_EQ(raclient({"--json"}, list).output,
+              "[\"0\",\"anna\",\"Anna \\\"B.\\\"\",\"0000000f\",\"bj\",\"Bj\u00f6rn\",\"\",\"lat\","
+              "\"K\\u00f6\\n\\t\\\\\\u001b[\",\"1\"]\n");
+    const std::string rows = "anna  Anna \"B.\"      0000000f\nbj    Bj\u00f6rn\nlat   " + latin + "  1\n";
     EXPECT_EQ(raclient({"--table", "3"}, list).output, rows);
-    EXPECT_EQ(raclient({"--table", "ID,N\u00e4me,V"}, list).output, "ID    N\u00e4me       V\n" + rows);
+    EXPECT_EQ(raclient({"--table", "ID,N\u00e4me,V"}, list).output, "ID    N\u00e4me           V\n" + rows);
     EXPECT_EQ(raclient({"--table", "3"}, {"DB", "G", "USERS", "ID", "x", "NAME"}).output, "101\n");
     EXPECT_EQ(shell("VELROOT=" + root + " " VELMORA_BIN_DIR "/raclient 127.0.0.1 " + port +
                     " DB G USERS ID x 2>&1 > /dev/full; echo $?"),
@@ -74,24 +70,24 @@ TEST_F(ClientProgram, WritesJsonOfAnyBytes) {
                          "high\xf4\x90\x80\x80",
                          "short \xe2\x82"};
     server.sql("CREATE TABLE BYTES (ID VARCHAR2(1) PRIMARY KEY, TEXT VARCHAR2(4000))");
-    std::string check =
-        "import json,sys\ntext=sys.stdin.buffer.read().decode()\n"
-        "read=[s.encode('utf-8') for s in json.loads(text)]\nwant=[b'0'";
+    std::string want = "0";
     for (size_t at = 0; at < values.size(); ++at) {
         const std::string id = std::to_string(at);
         ASSERT_EQ(raclient({"--encode"}, {"DB", "I", "BYTES", "ID", id, "TEXT", values[at]}).output, "0\n");
-        check += ",b'" + id + "',b'";
-        for (const char each : values[at]) check += "\\x" + hex_of(&each, 1);
-        check += "'";
+        want += '\0' + id + '\0' + values[at];
     }
-    check +=
-        "]\nfor at,w in enumerate(want):\n"
-        "  try: w.decode('utf-8')\n"
-        "  except UnicodeDecodeError: want[at]=w.decode('latin-1').encode('utf-8')\n"
-        "sys.exit(read!=want or any(c<' ' or '\\x7f'<=c<'\\xa0' for c in text[:-1]))\n";
+    server.root().write("want", want);
     server.root().write("json", raclient({"--json"}, {"DB", "L", "BYTES", "ID", "", "10", "+", "*", "TEXT"}).output);
-    server.root().write("check.py", check);
-    EXPECT_EQ(shell("python3 " + root + "/check.py < " + root + "/json && echo same"), "same\n");
+    server.root().write("check.py", R"(
+import json
+def decoded(value):
+    try: return value.decode()
+    except UnicodeDecodeError: return value.decode('latin-1')
+text = open('json', 'rb').read().decode()
+assert json.loads(text) == [decoded(value) for value in open('want', 'rb').read().split(b'\0')]
+assert not any(c < ' ' or '\x7f' <= c < '\xa0' for c in text[:-1])
+)");
+    EXPECT_EQ(shell("cd " + root + " && python3 check.py && echo same"), "same\n");
 }
 
 TEST_F(ClientProgram, ShowsProgressOnATerminalOnly) {
@@ -164,13 +160,20 @@ TEST_F(ClientProgram, FindsTheKeyOrTellsHow) {
               "under the key of 127.0.0.1 in " + root + "/wrong. Is that the server's key"}}) {
         const ProgramEnd end = ask(words);
         EXPECT_EQ(end.code, 4);
+        EXPECT_TRUE(end.errors.starts_with("raclient: Timeout, raserver 127.0.0.1:" + port + " does not answer.\n"));
         EXPECT_NE(end.errors.find(hint), std::string::npos) << end.errors;
     }
 }
 
-TEST(ClientCommandLine, RefusesWhatContradictsItself) {
-    for (const Strings &words : {Strings{"h", "1", "-f", "x", "DB"},
-                                 {"-f", "x", "h", "1", "DB"},
+TEST(ClientCommandLine, RefusesWhatIsMissingWrongOrContradictsItself) {
+    for (const Strings &words : {Strings{},
+                                 {"h"},
+                                 {"h", "1"},
+                                 {"h", "0", "DB"},
+                                 {"h", "many", "DB"},
+                                 {"-x", "h", "1", "DB"},
+                                 {"-i", "0", "h", "1", "DB"},
+                                 {"h", "1", "-f", "x", "DB"},
                                  {"--json", "--table", "2", "h", "1", "DB"},
                                  {"--table", "0", "h", "1", "DB"},
                                  {"--table"},
@@ -178,7 +181,9 @@ TEST(ClientCommandLine, RefusesWhatContradictsItself) {
                                  {"--", "--json", "1"}}) {
         Strings command{"raclient"};
         command.insert(command.end(), words.begin(), words.end());
-        EXPECT_EQ(run_program(command).code, 2) << testing::PrintToString(words);
+        const ProgramEnd end = run_program(command);
+        EXPECT_EQ(end.code, 2) << testing::PrintToString(words);
+        EXPECT_NE(end.errors.find("Usage: raclient"), std::string::npos);
     }
 }
 

@@ -30,12 +30,7 @@ struct Server {
 void PrintTo(const Server &server, std::ostream *out) { *out << server.name; }
 class Tool : public testing::TestWithParam<Server> {
 protected:
-    Tool() {
-        server.stop();
-        server.root().write("etc/access.key", std::string("127.0.0.1 ") + GetParam().mark + key + "\n");
-        server.start();
-    }
-    ServerProcess server{{.options = GetParam().options, .checkKeys = true}};
+    ServerProcess server{{.options = GetParam().options, .keys = std::string("127.0.0.1 ") + GetParam().mark + key}};
     const std::string port = std::to_string(server.port());
     const std::string path = server.root().path();
 
