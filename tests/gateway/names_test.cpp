@@ -1,5 +1,6 @@
 /* Logical and physical names, what the log says about them, and other client libraries as the way to the database. */
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <filesystem>
 
 #include "tests/support/serverprocess.h"
@@ -11,11 +12,8 @@ constexpr char TABLE[] =
 const Strings READ{"DB", "G", "USERS", "ID", "anna", "NAME"};
 const Strings READ_RESULT{"0", "Anna"};
 
-/** Every line of a log begins with a kind letter and a year, or belongs to the line above it. */
 bool has_control_bytes(const std::string &log) {
-    for (const char byte : log)
-        if ((byte >= 0 && byte < 32 && byte != '\n') || byte == 127) return true;
-    return false;
+    return std::any_of(log.begin(), log.end(), [](unsigned char byte) { return iscntrl(byte) && byte != '\n'; });
 }
 
 TEST(Names, GoThroughTheMap) {
@@ -31,6 +29,7 @@ TEST(Names, GoThroughTheMap) {
                                    "comment  USERS--\n"
                                    "open     \"USERS\n"
                                    "odd      \"US\"ERS\"\n"
+                                   "alias    \"USERS\"U\n"
                                    "empty\n"
                                    "long     " +
                                    long_name + "\n"}};
@@ -46,8 +45,9 @@ TEST(Names, GoThroughTheMap) {
     EXPECT_EQ(read("dotted", "ID", "nick"), READ_RESULT);
     EXPECT_EQ(client.ask({"DB", "L", "people", "nick", "", "5", "+", "", "key"}), Strings({"0", "Anna", "anna"}));
     EXPECT_EQ(client.ask({"DB", "U", "people", "key", "anna", "nick", "Ann"}), Strings{"0"});
-    for (const std::string table : {"evil", "joined", "comment", "open", "odd", "empty", "long", "USERS WHERE 1=1",
-                                    "(SELECT * FROM USERS)", "USERS;", "USERS'", "x\ny"}) {
+    for (const std::string table :
+         {"evil", "joined", "comment", "open", "odd", "alias", "empty", "long", "USERS WHERE 1=1",
+          "(SELECT * FROM USERS)", "USERS;", "USERS'", "x\ny", "\"x\ny\""}) {
         const LogWatch log = server.watch();
         EXPECT_EQ(read(table, "ID", "NAME"), Strings{"1"}) << table;
         EXPECT_EQ(client.ask({"DB", "D", table, "ID", "anna"}), Strings{"1"}) << table;

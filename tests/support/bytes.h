@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <stdint.h>
+#include <stdlib.h>
 #include <random>
 #include <string>
 #include <string_view>
@@ -37,11 +38,22 @@ inline std::string hex_of(const void *bytes, size_t count) {
 }
 inline std::string hex_of(const Bytes &bytes) { return hex_of(bytes.data(), bytes.size()); }
 
-/** A source of random numbers and bytes; a failure shows its seed. */
+/** A number for a test out of the environment. */
+inline unsigned from_environment(const char *name, unsigned otherwise) {
+    const char *text = getenv(name);
+    return text != nullptr ? static_cast<unsigned>(strtoul(text, nullptr, 10)) : otherwise;
+}
+
+/** A source of random numbers and bytes; a failure shows its seed, and VELMORA_TEST_SEED repeats a run. */
 class Seeded : public std::mt19937 {
 public:
-    explicit Seeded(unsigned seed = std::random_device{}())
+    explicit Seeded(unsigned seed = from_environment("VELMORA_TEST_SEED", std::random_device{}()))
         : std::mt19937(seed), shown_("", 0, "seed " + std::to_string(seed)) {}
+    size_t below(size_t limit) { return (*this)() % limit; }
+    template <class List>
+    const auto &one_of(const List &list) {
+        return list[below(list.size())];
+    }
     Bytes bytes(size_t count) {
         Bytes made(count);
         for (uint8_t &byte : made) byte = static_cast<uint8_t>((*this)());
