@@ -12,11 +12,7 @@ protected:
     ServerProcess server;
     TestClient anna{server.port()};
 
-    Strings list(const Strings &behind_function) {
-        Strings request{"DB", "L"};
-        request.insert(request.end(), behind_function.begin(), behind_function.end());
-        return anna.ask(request);
-    }
+    Strings list(const Strings &behind_function) { return anna.ask(joined({"DB", "L"}, behind_function)); }
 };
 
 class FruitLists : public Lists {
@@ -109,9 +105,7 @@ TEST_F(Lists, EscapeWhatIsNoWildcardOfTheClient) {
         {"!:\\%", {"!:\\y"}},  // no escape is left: % is any text
     };
     for (const auto &[filter, found] : cases) {
-        Strings expected{"0"};
-        expected.insert(expected.end(), found.begin(), found.end());
-        EXPECT_EQ(list({"MARKS", "ID", "", "99", "+", filter}), expected) << filter;
+        EXPECT_EQ(list({"MARKS", "ID", "", "99", "+", filter}), joined({"0"}, found)) << filter;
     }
 }
 

@@ -242,8 +242,7 @@ TEST(RandomRequests, AnswerLikeTheModel) {
     const unsigned count = from_environment("VELMORA_TEST_REQUESTS", 4000);
     for (unsigned number = 0; number < count; ++number) {
         const Strings request = requests.next();
-        Strings sent{"DB"};
-        sent.insert(sent.end(), request.begin(), request.end());
+        const Strings sent = joined({"DB"}, request);
         const Strings expected = model.answer(request);
         ASSERT_EQ(client.ask(sent), expected) << testing::PrintToString(sent) << " request " << number;
         ++answered[request[0] + expected[0] + (expected.size() > 1 ? "+" : "")];

@@ -30,8 +30,7 @@ protected:
 
     void expect(const std::vector<Step> &steps) {
         for (const Step &step : steps) {
-            Strings request{"DB"};
-            request.insert(request.end(), step.request.begin(), step.request.end());
+            const Strings request = joined({"DB"}, step.request);
             EXPECT_EQ(anna.ask(request), step.expected) << testing::PrintToString(request);
             if (!step.check.empty()) {
                 EXPECT_EQ(server.value("SELECT " + step.check), step.value) << testing::PrintToString(request);
@@ -98,11 +97,7 @@ TEST_F(Records, AreUpdated) {
 
 TEST_F(Records, CountInEightHexadecimalDigits) {
     const std::string visits = "VISITS FROM USERS WHERE ID = 'anna'", points = "POINTS FROM USERS WHERE ID = 'anna'";
-    const auto add = [](const Strings &more) {
-        Strings request{"A", "USERS", "ID", "anna"};
-        request.insert(request.end(), more.begin(), more.end());
-        return request;
-    };
+    const auto add = [](const Strings &more) { return joined({"A", "USERS", "ID", "anna"}, more); };
     expect({{add({"VISITS", "1"}), {"0", "00000010"}, visits, "00000010"},
             {add({"VISITS", "-1"}), {"0", "0000000f"}},
             {add({"VISITS", "-16"}), {"0", "ffffffff"}, visits, "ffffffff"},

@@ -20,6 +20,7 @@ void in_a_process(const std::function<void()> &work) {
         process_context.noAccessKeyCheck = 1;
         process_context.running = 1;
         work();
+        raEventShutdown(0);
         return testing::Test::HasFailure() ? 1 : 0;
     });
     EXPECT_EQ(child.exit_code(std::chrono::seconds(60)), 0) << child.output();
@@ -85,7 +86,6 @@ TEST_F(GatewaySession, OpensWhenTheDatabaseAppears) {
         EXPECT_EQ(count(minute(), "RA.EV Oracle connection established\n"), 1);
         EXPECT_EQ(ask(read), Strings{"1002"});
         EXPECT_EQ(count(minute(), "Oracle connection"), 0) << "once open, it stays open";
-        raEventShutdown(0);
     });
 }
 
@@ -99,7 +99,6 @@ TEST_F(GatewaySession, WaitsForThePasswordFile) {
         root.write("secret", "hush\n");
         EXPECT_EQ(count(minute(), "established"), 1);
         EXPECT_EQ(ask(read), Strings{"1002"});
-        raEventShutdown(0);
     });
 }
 
@@ -112,7 +111,6 @@ TEST_F(GatewaySession, NeedsMapUserAndPassword) {
             EXPECT_EQ(count(minute(), "established"), 0) << missing;
             EXPECT_EQ(count(minute(), "opening Oracle connection"), 1) << "it keeps trying";
             EXPECT_EQ(ask(read), Strings{});
-            raEventShutdown(0);
         });
     }
     in_a_process([&] {
@@ -138,7 +136,6 @@ TEST_F(GatewaySession, TakesOptionsInBothForms) {
     in_a_process([&] {
         start({"-f", root.path("map"), "-oid", "-opwsecret", "-odb" + database});
         EXPECT_EQ(count(minute(), "established"), 1) << "-opw is the user's name, and an option of its own as well";
-        raEventShutdown(0);
     });
 }
 
@@ -150,7 +147,6 @@ TEST_F(GatewaySession, AnswersOneWithoutAReadableMap) {
         EXPECT_EQ(count(minute(), "established"), 1) << "that does not stop the start";
         EXPECT_EQ(ask(read), Strings{"1"});
         EXPECT_EQ(ask({"DB", "L", "T", "ID", ""}), Strings{"1"});
-        raEventShutdown(0);
     });
 }
 
@@ -178,7 +174,6 @@ TEST_F(GatewaySession, CountsRequestsByTheirLastString) {
         EXPECT_EQ(count(log, "DB.RE Type "), 5) << log;
         EXPECT_EQ(count(log, " usecs per request.\n"), 5);
         EXPECT_EQ(count(minute(), "DB.RE"), 0) << "each minute counts anew";
-        raEventShutdown(0);
     });
 }
 
@@ -228,7 +223,6 @@ protected:
             honest = gateway::oci;
             work();
             gateway::oci = honest;
-            raEventShutdown(0);
         });
     }
 };

@@ -30,9 +30,7 @@ void expect_in_order(const std::string &log, const Strings &texts) {
 TEST(Start, NeedsAPort) {
     for (const Strings &options :
          {Strings{}, {"-p"}, {"-p", "0"}, {"-pfoo"}, {"-p0"}, {"-tp4000"}, {"-tp", "4000"}}) {
-        Strings words{"raserver", "-D"};
-        words.insert(words.end(), options.begin(), options.end());
-        const ProgramEnd end = run_program(words);
+        const ProgramEnd end = run_program(joined({"raserver", "-D"}, options));
         EXPECT_EQ(end.code, 101) << testing::PrintToString(options);
         EXPECT_EQ(end.errors, NO_PORT);
     }

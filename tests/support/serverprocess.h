@@ -31,16 +31,16 @@ uint16_t free_port(const char *host = "127.0.0.1");
 class ServerProcess {
 public:
     struct Settings {
-        Strings options = {};                   // in front of the usual ones
-        bool joinedPort = false;                // "-p4000" instead of "-p 4000"
-        Strings environment = {};               // NAME=value, besides the test's own
-        std::string names = "";                 // content of the file that maps logical names to physical ones
-        std::string database = "";              // value of -odb; empty: the file that sql() works on
-        std::string databaseOptions = "";       // behind that file's name
-        bool checkKeys = false;                 // leave -NOACCESSKEYCHECK out
-        std::string keys = "";                  // content of etc/access.key; these are checked
-        bool daemon = false;                    // leave -D out: with the handlers that a daemon alone has
-        const char *host = "127.0.0.1";         // address to bind to
+        Strings options = {};              // in front of the usual ones
+        bool joinedPort = false;           // "-p4000" instead of "-p 4000"
+        Strings environment = {};          // NAME=value, besides the test's own
+        std::string names = "";            // content of the file that maps logical names to physical ones
+        std::string database = "";         // value of -odb; empty: the file that sql() works on
+        std::string databaseOptions = "";  // behind that file's name
+        bool checkKeys = false;            // leave -NOACCESSKEYCHECK out
+        std::string keys = "";             // content of etc/access.key; these are checked
+        bool daemon = false;               // leave -D out: with the handlers that a daemon alone has
+        const char *host = "127.0.0.1";    // address to bind to
     };
 
     ServerProcess() : ServerProcess(Settings{}) {}

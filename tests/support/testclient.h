@@ -13,6 +13,11 @@
 
 using Strings = std::vector<std::string>;
 
+inline Strings joined(Strings words, const Strings &more) {
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
+
 /** What came back for a request. */
 struct Reply {
     std::string datagram;  // empty: nothing came

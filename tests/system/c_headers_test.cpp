@@ -41,7 +41,8 @@ std::string complaints(const std::string &source, const std::string &compiler, c
     const RootFolder folder;
     folder.write("source" + suffix, source);
     const std::string command =
-        compiler + " -D_GNU_SOURCE -fsyntax-only -pedantic -Wall -Wextra -Wshadow -Werror -I '" VELMORA_SOURCE_DIR "' '" +
+        compiler +
+        " -D_GNU_SOURCE -fsyntax-only -pedantic -Wall -Wextra -Wshadow -Werror -I '" VELMORA_SOURCE_DIR "' '" +
         folder.path("source" + suffix) + "' >'" + folder.path("said") + "' 2>&1";
     return system(command.c_str()) == 0 ? "" : source + folder.read("said").substr(0, 2000);
 }

@@ -81,9 +81,8 @@ TEST_F(Keys, SealTheLargestReplyAndNoLargerOne) {
         values += ", substr(hex(zeroblob(2000)), 1, " + std::string(column == "C8" ? "3989)" : "4000)");
     }
     server.sql("CREATE TABLE WIDE (ID TEXT PRIMARY KEY" + declared + "); INSERT INTO WIDE VALUES (1" + values + ")");
-    const auto datagram = [&](uint32_t sequence, Strings request) {
-        request.insert(request.end(), columns.begin(), columns.end());
-        return server_key.sealed(request_datagram(sequence, request));
+    const auto datagram = [&](uint32_t sequence, const Strings &request) {
+        return server_key.sealed(request_datagram(sequence, joined(request, columns)));
     };
     const Strings get{"DB", "G", "WIDE", "ID", "1"}, page{"DB", "L", "WIDE", "ID", "", "10", "+", ""};
     EXPECT_EQ(clear_key.opened(clear_peer.answer(datagram(7, get))).value_or("").size(), 17u + 7u + 31999u);
@@ -193,9 +192,8 @@ protected:
 TEST_P(KeysOfBothSides, ServeAHardenedClient) {
     const KeyedServer server(keys, "127.0.0.2", true);
     const auto raclient = [&](const Strings &words) {
-        Strings command{"raclient", "-HARDEN", "127.0.0.2", std::to_string(server.port())};
-        command.insert(command.end(), words.begin(), words.end());
-        return run_program(command, {"VELROOT=" + server.root().path()});
+        const Strings command{"raclient", "-HARDEN", "127.0.0.2", std::to_string(server.port())};
+        return run_program(joined(command, words), {"VELROOT=" + server.root().path()});
     };
     EXPECT_EQ(raclient(look).output, "0\n0000000f\n");
     const std::string most(31991, 'x');  // and a zero byte
@@ -233,9 +231,8 @@ TEST_P(KeysOfBothSides, ServeTheBlockingCall) {
 TEST(HardenedClient, PassesOverAnAnswerInClear) {
     const KeyedServer server(line("127.0.0.2", server_key, true), "127.0.0.2");  // the client's key isn't listed
     const auto ask = [&](const char *interval, const char *hardened) {
-        Strings command{"raclient", "-i", interval, "-n", "1", "127.0.0.2", std::to_string(server.port())};
-        command.insert(command.end(), look.begin(), look.end());
-        return run_program(command, {"VELROOT=" + server.root().path(), hardened});
+        const Strings command{"raclient", "-i", interval, "-n", "1", "127.0.0.2", std::to_string(server.port())};
+        return run_program(joined(command, look), {"VELROOT=" + server.root().path(), hardened});
     };
     EXPECT_EQ(ask("10", "VELHARDEN=0").output, "0\n0000000f\n");
     const ProgramEnd end = ask("1", "VELHARDEN=1");

@@ -62,9 +62,7 @@ TEST(MailTool, TellsWhyNothingWasSent) {
     };
     for (const Row &row : rows) {
         root.write("etc/mail.cfg", row.settings);
-        Strings words{"chmail", "-VELROOT", root.path()};
-        words.insert(words.end(), row.words.begin(), row.words.end());
-        const ProgramEnd end = run_program(words);
+        const ProgramEnd end = run_program(joined({"chmail", "-VELROOT", root.path()}, row.words));
         EXPECT_EQ(end.code, row.code) << end.errors;
         EXPECT_NE(end.errors.find("chmail: " + row.told), std::string::npos) << end.errors;
         EXPECT_EQ(end.output, "");

@@ -13,10 +13,8 @@ constexpr char key[] = "abcdefghijklmnopponmlkjihgfedcba", other_key[] = "cccccc
 
 /** The tool's exit status and its first line, wherever that went; "*" for each number in it. */
 std::string outcome(const Strings &words, const std::string &root = "") {
-    Strings all{"ractl"};
-    if (!root.empty()) all = {"ractl", "-VELROOT", root};
-    all.insert(all.end(), words.begin(), words.end());
-    const ProgramEnd end = run_program(all, {"VELROOT="});
+    const Strings command = root.empty() ? Strings{"ractl"} : Strings{"ractl", "-VELROOT", root};
+    const ProgramEnd end = run_program(joined(command, words), {"VELROOT="});
     const std::string text = end.output + end.errors;
     return std::to_string(end.code) + " " +
            std::regex_replace(text.substr(0, text.find('\n')), std::regex("[0-9]+"), "*");
@@ -35,9 +33,7 @@ protected:
     const std::string path = server.root().path();
 
     std::string tool(const std::string &command) const {
-        Strings words = GetParam().options;
-        words.insert(words.end(), {port, command, "--wait", "5"});
-        return outcome(words, path);
+        return outcome(joined(GetParam().options, {port, command, "--wait", "5"}), path);
     }
 };
 INSTANTIATE_TEST_SUITE_P(Keys, Tool,

@@ -39,8 +39,6 @@ class TcpPort : public testing::Test {
 protected:
     const uint16_t port = free_port();
     const std::string shown = std::to_string(port);
-
-    ServerProcess::Settings with(Strings options) { return {.options = std::move(options)}; }
 };
 
 long open_descriptors(const ServerProcess &server) {
@@ -65,7 +63,7 @@ TEST_F(TcpPort, IsOpenedByItsOption) {
              Row{{"-tp" + shown}, ""},
              Row{{"-ta", "127.0.0.1"}, ""},
          }) {
-        const ServerProcess server(with(options));
+        const ServerProcess server{{.options = options}};
         const std::string log = server.log();
         EXPECT_EQ(log.find("TCPHOST   = ") != std::string::npos, options.back() != shown && options.size() > 1);
         if (bound.empty()) {
@@ -81,7 +79,7 @@ TEST_F(TcpPort, IsOpenedByItsOption) {
 }
 
 TEST_F(TcpPort, ThatIsTakenEndsTheStart) {
-    const ServerProcess first(with({"-tp", shown}));
+    const ServerProcess first{{.options = {"-tp", shown}}};
     const std::string other = std::to_string(free_port());
     const ProgramEnd end = run_program(
         {"raserver", "-D", "-p", other, "-tp", shown, "-VELROOT", first.root().path(), "-BINDIP", "127.0.0.1"});
@@ -91,7 +89,7 @@ TEST_F(TcpPort, ThatIsTakenEndsTheStart) {
 }
 
 TEST_F(TcpPort, AnswersNobodyAndLetsNobodyForgeALine) {
-    const ServerProcess server(with({"-tp", shown, "-TRACE"}));
+    const ServerProcess server{{.options = {"-tp", shown, "-TRACE"}}};
     const LogWatch log = server.watch();
     EXPECT_TRUE(is_closed_after(connected(port), "GET /path\x1b[2J\x07 HTTP/1.0\r\nE2001 forged\r\n\r\n"));
     EXPECT_TRUE(is_closed_after(connected(port), "POST /p\nE2001 forged\nContent-length: 2\n\nab"));
@@ -105,7 +103,7 @@ TEST_F(TcpPort, AnswersNobodyAndLetsNobodyForgeALine) {
 }
 
 TEST_F(TcpPort, DisturbsNoDatagrams) {
-    const ServerProcess server(with({"-tp", shown}));
+    const ServerProcess server{{.options = {"-tp", shown}}};
     const LogWatch log = server.watch();
     TestClient client(server.port());
     const long before = open_descriptors(server);
@@ -146,7 +144,7 @@ TEST_F(TcpPort, DropsWhatItCantHold) {
     } rows[] = {{64, 64, "accept( listenSocket, .. ) error: Too many open files!"},
                 {3000, FD_SETSIZE, "closed, select can hold only those below 1024!"}};
     for (const auto &row : rows) {
-        const ServerProcess server(with({"-tp", shown}));
+        const ServerProcess server{{.options = {"-tp", shown}}};
         ASSERT_TRUE(allow_descriptors(server.pid(), row.allowed));
         const LogWatch log = server.watch();
         TestClient client(server.port());
