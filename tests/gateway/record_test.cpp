@@ -58,7 +58,8 @@ TEST_F(Records, AreRead) {
             {{"G", "USERS", "ID", "anna", "NOPE"}, {"1"}},
             {{"G", "USERS", "NOPE", "anna", "NAME"}, {"1"}},
             {{"G", "NOTABLE", "ID", "anna", "NAME"}, {"1002"}},
-            {{"G", "NOTABLE", "ID", "anna", "NAME"}, {"1002"}}});
+            {{"G", "NOTABLE", "ID", "anna", "NAME"}, {"1002"}},
+            {joined({"G", "USERS", "ID", "anna"}, Strings(1495, "NAME")), joined({"0"}, Strings(1495, "Anna"))}});
 }
 
 TEST_F(Records, AreInserted) {
