@@ -48,7 +48,6 @@ TEST_F(Records, AreRead) {
             {{"G", "USERS", "ID", "cleo", "NOTE", "BORN"}, {"0", "", ""}},
             {{"G", "USERS", "ID", "anna", "NOPE", "NAME", "NEITHER", "VISITS"}, {"0", "", "Anna", "", "0000000f"}},
             {{"G", "USERS", "ID", "anna", "NAME", "", "VISITS"}, {"0", "Anna", ""}},
-            {{"G", "USERS", "ID", "anna", "NAME", ""}, {"0", "Anna", ""}},
             {{"G", "USERS", "ID", "nobody", "NAME"}, {"101"}},
             {{"G", "USERS", "ID", "ANNA", "NAME"}, {"101"}},
             {{"G", "USERS", "ID", "", "NAME"}, {"101"}},

@@ -28,7 +28,7 @@ protected:
     std::string
         events;  // T for a tick, H for the hour, p for a packet, S for the status, a for an accept, d for data
     std::function<void(char event)> at_event = [](char) {};
-    Strings packets;
+    Strings packets;  // each with 64 bytes behind it
 
     static void stop() { process_context.running = 0; }
     static void alarm_in(int microseconds, void (*handler)(int)) {
@@ -78,19 +78,19 @@ private:
     }
 };
 
-TEST_F(RunLoop, HandsOverDatagramsWithZerosBehind) {
-    const Strings sent{std::string(500, 'x'), "abc", ""};
-    Strings expected;
-    for (const std::string &datagram : sent) {
-        client.send(datagram);
-        expected.push_back(datagram + std::string(64, '\0'));
+TEST_F(RunLoop, HandsOverDatagramsWithoutAShownKeyAndWithZerosBehind) {
+    const std::string key = "\xa4" + std::string(16, 'k');
+    Strings expected{std::string(500, 'x'), "abc", "", "y", key};
+    for (std::string &datagram : expected) {
+        client.send(datagram == "y" ? key + datagram : datagram);
+        datagram.append(64, '\0');
     }
     at_event = [&](char) {
-        if (packets.size() == sent.size()) stop();
+        if (packets.size() == expected.size()) stop();
     };
     run();
     EXPECT_EQ(packets, expected) << "an earlier datagram shows behind a shorter one";
-    EXPECT_EQ(events, "THppp");
+    EXPECT_EQ(events, "THppppp");
 }
 
 TEST_F(RunLoop, MovesTheStoredTimesWhenTheWallClockIsSet) {

@@ -27,10 +27,9 @@ std::string LogWatch::text() const {
     return content.str();
 }
 
-int LogWatch::count(const std::string &wanted) const {
-    const std::string all = text();
+int occurrences(const std::string &text, const std::string &wanted) {
     int found = 0;
-    for (size_t at = all.find(wanted); at != std::string::npos; at = all.find(wanted, at + wanted.size())) found++;
+    for (size_t at = text.find(wanted); at != std::string::npos; at = text.find(wanted, at + wanted.size())) found++;
     return found;
 }
 

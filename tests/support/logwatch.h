@@ -8,6 +8,9 @@
 #include <chrono>
 #include <string>
 
+/** How many times `wanted` stands in a text, without overlaps. */
+int occurrences(const std::string &text, const std::string &wanted);
+
 class LogWatch {
 public:
     explicit LogWatch(std::string path);
@@ -18,8 +21,8 @@ public:
     /** Whether `wanted` stands in it. */
     bool saw(const std::string &wanted) const { return text().find(wanted) != std::string::npos; }
 
-    /** How many times `wanted` stands in it, without overlaps. */
-    int count(const std::string &wanted) const;
+    /** How many times `wanted` stands in it. */
+    int count(const std::string &wanted) const { return occurrences(text(), wanted); }
 
     /** Waits until it stands there, at most until the deadline; false if it never came. */
     bool wait_for(const std::string &wanted, std::chrono::milliseconds deadline = std::chrono::seconds(10)) const;

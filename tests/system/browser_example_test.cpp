@@ -3,9 +3,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
+#include <fstream>
 #include <regex>
+#include <sstream>
 
-#include "process/owned.h"
 #include "tests/support/child.h"
 #include "tests/support/serverprocess.h"
 
@@ -13,19 +14,16 @@ namespace {
 
 constexpr char PROGRAM_FOLDER[] = VELMORA_BIN_DIR "/../browser";
 
-std::string file_content(const std::string &path) {
-    std::string text;
-    const OwnedFile file(fopen(path.c_str(), "r"));
-    for (int c = getc(file.get()); c != EOF; c = getc(file.get())) text += static_cast<char>(c);
-    return text;
-}
-
 class BrowserExample : public testing::Test {
 protected:
     ServerProcess server{{.options = {"-HARDEN"}, .names = "MEMBERS USERS\n"}};
     std::string address = "127.0.0.1:" + std::to_string(server.port());
 
-    void SetUp() override { server.sql(file_content(VELMORA_SOURCE_DIR "/examples/browser/demo.sql")); }
+    void SetUp() override {
+        std::ostringstream demo;
+        demo << std::ifstream(VELMORA_SOURCE_DIR "/examples/browser/demo.sql").rdbuf();
+        server.sql(demo.str());
+    }
 
     std::string run(const char *method, const std::string &query, const std::string &body, const char *origin) const {
         server.root().write("body", body);
