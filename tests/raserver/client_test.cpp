@@ -78,10 +78,10 @@ public:
         if (thread_.joinable()) thread_.join();
         return seen_;
     }
-    void reply(const std::string &datagram) const { send(own_, datagram); }
+    void reply(const std::string &datagram) const { send_to(own_.get(), datagram, peer_); }
     /** From another port of this address, and from this port of another address. */
     void reply_as_strangers(const std::string &datagram) const {
-        for (const OwnedFd &stranger : strangers_) send(stranger, datagram);
+        for (const OwnedFd &stranger : strangers_) send_to(stranger.get(), datagram, peer_);
     }
 
 private:
@@ -90,10 +90,6 @@ private:
         const sockaddr_in address = address_of(ip, port);
         if (bind(made.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) abort();
         return made;
-    }
-    void send(const OwnedFd &from, const std::string &datagram) const {
-        sendto(from.get(), datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&peer_),
-               sizeof peer_);
     }
     void serve() {
         std::vector<char> buffer(65536);

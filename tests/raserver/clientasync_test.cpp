@@ -10,9 +10,11 @@
 #include "process/owned.h"
 #include "process/velproc.h"
 #include "raserver/raserver.h"
+#include "tests/support/accesskey.h"
 #include "tests/support/addresses.h"
 #include "tests/support/bytes.h"
 #include "tests/support/child.h"
+#include "tests/support/rootfolder.h"
 #include "tests/support/testclient.h"
 
 namespace {
@@ -160,6 +162,28 @@ TEST_F(AsyncClient, RefusesWhatItCantSend) {
     EXPECT_EQ(client->pending.head, sent) << "not the other's to delete";
     EXPECT_EQ(raUdpRequest(own.get(), other, 0, nullptr, nullptr, nullptr), 0);
     EXPECT_EQ(other->socket, -1) << "a socket that is given only keeps it from opening one";
+}
+
+TEST_F(AsyncClient, HardenedPassesOverAnswersInClear) {
+    const AccessKey key("abcdefghijklmnopponmlkjihgfedcba");
+    const RootFolder root;
+    root.write("etc/access.key", "127.0.0.1 encrypt " + key.text() + "\n");
+    Child child([&](Child &self) {  // keys are read once in a process
+        process_context.rootDir = root.path().c_str();
+        process_context.noAccessKeyCheck = 0;
+        process_context.hardened = 1;
+        Callback report = [&](RA_REQUEST_S *, int result) { self.report(std::to_string(result)); };
+        ask({"x"}, &report);
+        const std::string request = request_datagram(client->pending.head->sequence, {"x"}, 4);
+        const bool has_prefix = key.opened(arrived().at(0)) == key.shown(request);
+        for (const auto &[function, is_under_a_key] : {std::pair(3, 0), {2, 0}, {2, 1}}) {
+            keyAccepted = is_under_a_key;
+            deliver(answer(request, {"0", "y"}, function));
+        }
+        return has_prefix ? 0 : 1;
+    });
+    EXPECT_EQ(child.next_report(), "2");
+    EXPECT_EQ(child.exit_code(), 0) << "the envelope holds the key in front of the request";
 }
 
 #if !defined(__SANITIZE_ADDRESS__)  // its own memory does not fit under the limit

@@ -85,9 +85,9 @@ protected:
         return reply;
     }
 
-    bool has_session(const char *ip, uint32_t id = 0) {
+    bool has_session(const char *ip) {
         const PacketAddress address = address_of(ip, port_of(peer));
-        return raserver_session_find(&ra_server, id, address.sin_addr.s_addr, address.sin_port) != nullptr;
+        return raserver_session_find(&ra_server, 0, address.sin_addr.s_addr, address.sin_port) != nullptr;
     }
 
 private:

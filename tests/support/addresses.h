@@ -23,6 +23,10 @@ inline sockaddr_in name_of(int socket) {
 }
 inline uint16_t port_of(int socket) { return ntohs(name_of(socket).sin_port); }
 
+inline void send_to(int socket, const std::string &datagram, const sockaddr_in &to) {
+    sendto(socket, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
+}
+
 /** Hands over what has arrived: take(datagram, from). */
 template <class Take>
 void drain(int socket, Take take) {

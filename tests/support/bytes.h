@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <random>
 #include <string>
@@ -48,7 +49,9 @@ inline unsigned from_environment(const char *name, unsigned otherwise) {
 class Seeded : public std::mt19937 {
 public:
     explicit Seeded(unsigned seed = from_environment("VELMORA_TEST_SEED", std::random_device{}()))
-        : std::mt19937(seed), shown_("", 0, "seed " + std::to_string(seed)) {}
+        : std::mt19937(seed), shown_("", 0, "seed " + std::to_string(seed)) {
+        printf("VELMORA_TEST_SEED=%u\n", seed);
+    }
     size_t below(size_t limit) { return (*this)() % limit; }
     template <class List>
     const auto &one_of(const List &list) {

@@ -23,10 +23,6 @@ constexpr auto PATIENCE = std::chrono::seconds(100);
 
 OwnedFd loopback_socket() { return OwnedFd(packet_clt_socket_ip(htonl(INADDR_LOOPBACK))); }
 
-void send(const OwnedFd &socket, const std::string &datagram, const sockaddr_in &to) {
-    sendto(socket.get(), datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
-}
-
 /** Stands between clients and the server, in a process of its own. Each client has a port of it for itself, and a socket
  *  of its own towards the server, as it would have without the relay. */
 class Relay {
@@ -35,10 +31,11 @@ public:
         for (Peer &peer : peers_) {
             peer.there = std::make_unique<BadLine>(
                 badness, random, [&peer, server = address_of("127.0.0.1", server_port)](const std::string &datagram) {
-                    send(peer.back, datagram, server);
+                    send_to(peer.back.get(), datagram, server);
                 });
-            peer.here = std::make_unique<BadLine>(
-                badness, random, [&peer](const std::string &datagram) { send(peer.front, datagram, peer.client); });
+            peer.here = std::make_unique<BadLine>(badness, random, [&peer](const std::string &datagram) {
+                send_to(peer.front.get(), datagram, peer.client);
+            });
         }
         child_ = std::make_unique<Child>([this](Child &) {
             for (;;) turn();

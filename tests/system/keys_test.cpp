@@ -240,39 +240,6 @@ TEST(HardenedClient, PassesOverAnAnswerInClear) {
     EXPECT_NE(end.errors.find("Hardened, only an answer under a key counts"), std::string::npos) << end.errors;
 }
 
-TEST(HardenedClient, PassesOverAsynchronousAnswersInClear) {
-    const RootFolder folder;
-    folder.write("etc/access.key", line("127.0.0.3", server_key, true));
-    Child child([&](Child &self) {
-        process_context.rootDir = folder.path().c_str();
-        process_context.silent = process_context.hardened = 1;
-        RA_CLIENT_S *client = raClientAdd("127.0.0.3", 9, 1, 1);
-        std::string word = "x";
-        char *words[] = {word.data()};
-        raUdpRequest(
-            -1, client, 1, words,
-            [](RA_REQUEST_S *, void *user, int result) {
-                static_cast<Child *>(user)->report(std::to_string(result));
-            },
-            &self);
-        const RA_REQUEST_S *request = client->pending.head;
-        const uint32_t sequence = request->sequence;
-        const std::string sent(request->request, request->request + request->requestLength);
-        const bool is_prefixed = server_key.opened(sent) == server_key.shown(request_datagram(sequence, {"x"}, 4));
-        for (const auto &[function, is_under_a_key] : {std::pair(3, 0), {2, 0}, {2, 1}}) {
-            std::string answer = request_datagram(sequence, {"0", "y"}, function);
-            answer[0] = 62;
-            keyAccepted = is_under_a_key;
-            raclient_udp_reply(&ra_server, reinterpret_cast<unsigned char *>(answer.data()),
-                               static_cast<int>(answer.size()), client->address);
-        }
-        raClientRemove(client);
-        return is_prefixed ? 0 : 1;
-    });
-    EXPECT_EQ(child.next_report(), "2");
-    EXPECT_EQ(child.exit_code(), 0) << "the envelope holds the key in front of the request";
-}
-
 std::string both_kinds(const testing::TestParamInfo<std::tuple<bool, bool>> &side) {
     const auto [client, server] = side.param;
     return std::string(client ? "CipherClient" : "ClearClient") + (server ? "CipherServer" : "ClearServer");

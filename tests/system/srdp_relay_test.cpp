@@ -46,10 +46,6 @@ struct Totals {
     }
 };
 
-void send_to(const OwnedFd &socket, const void *bytes, size_t size, const PacketAddress &to) {
-    sendto(socket.get(), bytes, size, 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
-}
-
 /** One side of the line: a process with a socket, driven tick by tick. */
 class Side {
 public:
@@ -66,7 +62,7 @@ public:
     PacketAddress address() const { return name_of(socket_.get()); }
     /** Has the side do its tick; when this returns, all that it sent has arrived. Gives what the work says. */
     std::string run(int tick) {
-        send_to(ticks_, &tick, sizeof tick, name_of(ticks_.get()));
+        send_to(ticks_.get(), std::string(reinterpret_cast<const char *>(&tick), sizeof tick), name_of(ticks_.get()));
         return child_.next_report();
     }
 
@@ -80,7 +76,7 @@ class Line {
 public:
     Line(const OwnedFd &socket, PacketAddress to, Seeded &random)
         : line_({30, 10, 10, TICKS_A_SECOND}, random, [this, &socket, to](const std::string &datagram) {
-              send_to(socket, datagram.data(), datagram.size(), to);
+              send_to(socket.get(), datagram, to);
               delivered++;
               uint32_t number = 0;
               if (datagram.size() >= 9) memcpy(&number, datagram.data() + 5, sizeof number);
