@@ -104,8 +104,7 @@ ProgramEnd run_program(const Strings &words, const Strings &environment) {
     return {exit_code(status), folder.read("output"), folder.read("errors")};
 }
 
-ServerProcess::ServerProcess(Settings settings)
-    : settings_(std::move(settings)), port_(free_port(settings_.host)) {
+ServerProcess::ServerProcess(Settings settings) : settings_(std::move(settings)), port_(free_port(settings_.host)) {
     root_->write("names.map", settings_.names);
     if (!settings_.keys.empty()) root_->write("etc/access.key", settings_.keys);
     start();
