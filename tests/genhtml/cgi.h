@@ -102,7 +102,7 @@ protected:
     }
     /** What it prints by both sets of rules alike. */
     std::string both(const Request &request, const Program &program = print_input) const {
-        const std::string plain = run(request, program);
+        std::string plain = run(request, program);
         EXPECT_EQ(hardened(request, program), plain) << "by the stricter rules";
         return plain;
     }

@@ -75,7 +75,8 @@ TEST(StartOptions, AreTakenOutOfTheVectorOrStay) {
 
 TEST(StartOptions, HardeningComesFromTheEnvironmentTooWhichIsReadOnce) {
     const std::pair<const char *, const char *> rows[] = {{"1", "11"}, {"0", "00"}, {"10", "00"}, {"", "00"}};
-    for (const auto &[value, expected] : rows) {
+    for (const auto &row : rows) {
+        const char *const value = row.first;
         Child child([&](Child &self) {
             setenv("VELHARDEN", value, 1);
             const int result = start({"prog", "-VELROOT", "/nowhere"});
@@ -85,7 +86,7 @@ TEST(StartOptions, HardeningComesFromTheEnvironmentTooWhichIsReadOnce) {
             self.report(std::to_string(first) + std::to_string(process_context.hardened));
             return result;
         });
-        EXPECT_EQ(child.next_report(), expected) << value;
+        EXPECT_EQ(child.next_report(), row.second) << value;
     }
 }
 

@@ -1,4 +1,5 @@
-/* A wall clock that a test can set. For one file of a test program: it brings the function, not only its name. */
+/* A wall clock that a test can set. For one file of a test program: it brings the function, not only its name.
+ * NOLINTBEGIN(misc-definitions-in-headers) */
 #ifndef TESTS_SUPPORT_SETCLOCK_H
 #define TESTS_SUPPORT_SETCLOCK_H
 
@@ -17,4 +18,4 @@ extern "C" int gettimeofday(timeval *now, void *) noexcept {
     return 0;
 }
 
-#endif
+#endif /* NOLINTEND(misc-definitions-in-headers) */
