@@ -1,7 +1,7 @@
 /* Any packet through the trace printer. It reads nothing outside of the packet, and the line that it writes is one
  * line: no control byte of the packet gets into it.
  *
- * Input: the packet. */
+ * Input: the packet, which is tried at each shorter length as well. */
 #include <algorithm>
 
 #include "fuzz/fuzz.h"
@@ -26,11 +26,8 @@ bool is_control(char character) {
     return code < 32 || code == 127;
 }
 
-}  // namespace
-
-int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+void check(const Bytes &packet) {
     const PacketAddress peer{};
-    const Bytes packet(data, data + size);
     const std::string line = traced(packet, &peer);
 
     const size_t end = line.find('\n');
@@ -38,6 +35,13 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_REQUIRE(end != std::string::npos);
     FUZZ_REQUIRE(line.find_first_not_of('\n', end) == std::string::npos);  // line feeds at the end only
     FUZZ_REQUIRE(std::none_of(line.begin(), line.begin() + static_cast<long>(end), is_control));
-    FUZZ_REQUIRE(size > 0 || line.ends_with("  0 \n"));
+    FUZZ_REQUIRE(!packet.empty() || line.ends_with("  0 \n"));
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    constexpr size_t MOST_CUTS = 256;
+    for (size_t cut = size < MOST_CUTS ? 0 : size; cut <= size; ++cut) check(Bytes(data, data + cut));
     return 0;
 }

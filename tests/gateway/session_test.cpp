@@ -98,12 +98,16 @@ TEST_F(GatewaySession, WaitsForThePasswordFile) {
 }
 
 TEST_F(GatewaySession, NeedsMapUserAndPassword) {
-    in_a_process([&] {
-        start({"-odb", database, "-opw", "secret", "-f", root.path("map")});
-        EXPECT_EQ(occurrences(minute(), "established"), 0);
-        EXPECT_EQ(occurrences(minute(), "opening Oracle connection"), 1) << "it keeps trying";
-        EXPECT_EQ(ask(read), Strings{});
-    });
+    for (const int missing : {2, 4, 6}) {
+        in_a_process([&] {
+            Strings words = options(database);
+            words.erase(words.begin() + missing, words.begin() + missing + 2);
+            start(words);
+            EXPECT_EQ(occurrences(minute(), "established"), 0) << missing;
+            EXPECT_EQ(occurrences(minute(), "opening Oracle connection"), 1) << "it keeps trying";
+            EXPECT_EQ(ask(read), Strings{});
+        });
+    }
     in_a_process([&] {
         const std::string map = root.path("map");
         EXPECT_EQ(vlociInit(map.c_str(), nullptr, database.c_str(), nullptr, "p", nullptr), -2);

@@ -146,6 +146,12 @@ std::string stored_file(const std::string &body) {
 
 TEST_F(CgiInput, CutsFormsIntoParts) {
     const std::string end = "--BOUND--\r\n", a = part("; name=\"a\"", "1"), z = part("; name=\"z\"", "26") + end;
+    std::string many, stored_many;
+    for (int number = 0; number < 2000; number++) {
+        const std::string name = "f" + std::to_string(number);
+        many += part("; name=\"" + name + "\"", "1");
+        stored_many += "&" + name + "=1";
+    }
     const Rows<const char *, std::string, std::string> rows{
         {"two fields", a + z, "&a=1&z=26"},
         {"text in front", "to whom it may concern\r\n" + a + z, "&a=1&z=26"},
@@ -167,7 +173,7 @@ TEST_F(CgiInput, CutsFormsIntoParts) {
         {"empty file field", part("; name=\"f\"; filename=\"\"\r\nContent-Type: text/x", "") + z, "&f=%0d%0a&z=26"},
         {"upload without type", part("; name=\"f\"; filename=\"x\"", "one\r\ntwo") + z, "&f=two&z=26"},
         {"the last of equal names", a + part("; name=\"a\"", "2") + z, "&a=2&z=26"},
-        {"many parts", repeated(a, 2000) + z, "&a=1&z=26"},
+        {"many parts", many + z, stored_many + "&z=26"},
         {"no end", a + part("; name=\"b\"", "2"), "&a=1&b=2"},
         {"cut in a body", a.substr(0, a.size() - 2), "&a=1"},
         {"cut in a head", a + z.substr(0, 30), "&a=1"},

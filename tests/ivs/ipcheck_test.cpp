@@ -46,6 +46,7 @@ protected:
 };
 
 TEST_F(IpCheck, ServesTheAllowedButForTheDenied) {
+    const std::string unknown(64, 'x');  // no label of a name may be so long: fails without a question
     struct Row {
         Strings arguments;
         std::string entries, verdicts;
@@ -55,7 +56,7 @@ TEST_F(IpCheck, ServesTheAllowedButForTheDenied) {
              Row{{"server"}, " +127.0.0.1", "10000"},
              Row{{"-ipallow10.0.0.1"}, " +10.0.0.1", "01000"},
              Row{{"-ipallow", "10.0.0.1", "-ipdeny", "10.0.0.2"}, " +10.0.0.1 -10.0.0.2", "01000"},
-             Row{{"-ipallow=127.0.0.1"}, " +=127.0.0.1", "00000"},
+             Row{{"-ipallow=10.*"}, " +=10.*", "00000"},
              Row{{"-ipallow", " 10.0.0.1\t 10.0.0.2  ", "-ipallow10.1.*"}, " +10.0.0.1 +10.1.* +10.0.0.2", "01110"},
              Row{{"-ipallow a* b* c*", "-ipallow d* e* f*"}, " +a* +d* +b* +c* +e* +f*", "00000"},
              Row{{"-ipdeny", "10.* 11.*"}, " -10.* -11.*", "10001"},
@@ -63,7 +64,7 @@ TEST_F(IpCheck, ServesTheAllowedButForTheDenied) {
              Row{{"-ipallow", " \t"}, " +127.0.0.1", "10000"},
              Row{{"-ipdeny", ""}, " +127.0.0.1", "10000"},
              Row{{"-ipallow", "-ipdeny", "9.*"}, " +-Ipdeny -9.*", "00000"},
-             Row{{"-ipallow", "no.such.host.invalid"}, " +no.such.host.invalid", "00000"},
+             Row{{"-ipallow", unknown}, " +" + unknown, "00000"},
              // Patterns
              Row{{"-ipallow10*"}, " +10*", "01111"},
              Row{{"-ipallow*"}, " +*", "11111"},
@@ -83,7 +84,6 @@ TEST_F(IpCheck, ServesTheAllowedButForTheDenied) {
         EXPECT_EQ(entries(), row.entries) << lines;
         EXPECT_EQ(verdicts, row.verdicts) << testing::PrintToString(row.arguments);
     }
-    const std::string unknown(64, 'x');  // no label of a name may be so long: fails without a question
     process_context.bindIp = unknown.c_str();
     check({});
     EXPECT_EQ(verdicts, "00000") << "without an address of its own a server serves nobody";

@@ -127,7 +127,7 @@ TEST_F(Sending, IsTraced) {
 TEST_F(Sending, MeasuresTheBulkTextOnly) {
     for (const int on : {0, 1}) {
         ivs_compression_stats = on;
-        for (const char *counted : {"12 'ab'", "17 'a'", "37", "39 'a'", "0d 616161 97 'b'", "0d 61"}) send(counted);
+        for (const char *bulk : {"12 'ab'", "17 'a'", "37", "39 'a'", "0d 616161 97 'b'", "0d 61"}) send(bulk);
         for (const char *passed_over : {"", "97 'a'", "13 'a'", "38 'a'"}) send(passed_over);
         std::map<int, uint32_t> counted;
         for (int value = 0; value < 256; value++) {

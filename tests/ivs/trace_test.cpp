@@ -191,7 +191,7 @@ TEST_F(Trace, CutsLongTextAndShowsAllOfAQuote) {
     EXPECT_EQ(traced(echo), TIME + "5000 PING L: 4999 \"" + quoted + "\"\n");
     sigset_t blocked;
     pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
-    EXPECT_EQ(sigismember(&blocked, SIGTERM), 0) << "signals are held while a line is written, and no longer";
+    EXPECT_EQ(sigismember(&blocked, SIGTERM), 0) << "signals are let through again behind the line";
 }
 
 TEST_F(Trace, FollowsAnyDepthOfPackets) {

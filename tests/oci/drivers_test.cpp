@@ -349,6 +349,7 @@ TEST_P(Drivers, TellThatTheDatabaseIsBusy) {
 
 // ---- The time that a statement may take ---------------------------------------------------------------------------------
 
+constexpr ub4 AMPLE = 60'000;  // milliseconds, for a statement that is to come to its end
 const std::string endless = "WITH RECURSIVE E(X) AS (SELECT 1 UNION ALL SELECT X+1 FROM E) ";
 
 TEST_P(Drivers, LimitAStatementOnlyWhereTheProcessIsHardened) {
@@ -364,12 +365,13 @@ TEST_P(Drivers, EndAStatementThatTakesTooLong) {
     OciSession other{calls};
     ASSERT_EQ(other.open(address), success());
     fill({{"a", "x"}});
-    db.limit(200);
     const std::string count = endless + "SELECT COUNT(*) FROM E";
     const std::string fill_up = "INSERT INTO T(ID,NAME) " + endless + "SELECT 'n' || X, 'x' FROM E";
     for (const std::string &sql : {count, fill_up, std::string("UPDATE T SET NOTE=(" + count + ")")}) {
+        db.limit(200);
         const Done ended = db.run(sql);
         EXPECT_EQ(ended, failure(600)) << sql;
+        db.limit(AMPLE);
         EXPECT_NE(ended.text.find("took longer"), std::string::npos) << ended.text;
         EXPECT_EQ(db.query("SELECT ID,NOTE FROM T", 2), no_data({{"a", "<null>"}}));
         EXPECT_EQ(other.write("UPDATE T SET NAME='y'"), success()) << "a lock stayed: " << sql;
@@ -378,7 +380,9 @@ TEST_P(Drivers, EndAStatementThatTakesTooLong) {
     }
 
     EXPECT_EQ(db.run("DELETE FROM T"), success());
+    db.limit(200);
     EXPECT_EQ(db.run(fill_up), failure(600));
+    db.limit(AMPLE);
     EXPECT_EQ(db.commit().status, OCI_ERROR) << "what came before in the transaction went with it";
     EXPECT_EQ(db.query("SELECT ID FROM T", 1), no_data({{"a"}}));
 }
@@ -391,6 +395,7 @@ TEST_P(Drivers, CountAllFetchesOfAStatement) {
     Done done = db.execute(0);
     while (done.status == OCI_SUCCESS) done = db.fetch(1);
     EXPECT_EQ(done, failure(600));
+    db.limit(AMPLE);
     EXPECT_EQ(db.query("SELECT 1 FROM T", 1), no_data());
 }
 
@@ -404,6 +409,7 @@ TEST_P(Drivers, WaitForALockNoLongerThanAStatementMayTake) {
     for (const char *sql : {"UPDATE T SET NAME='z'", "DELETE FROM T"}) EXPECT_EQ(limited.run(sql), failure(54));
     EXPECT_EQ(db.commit(), success()) << "while the other one still waits";
     waiting.join();
+    limited.limit(AMPLE);
     EXPECT_EQ(limited.query("SELECT NAME FROM T", 1), no_data({{"y"}}));
 }
 

@@ -112,7 +112,10 @@ TEST_F(MailDialogue, EndsWithAServerThatEnds) {
     const int rude = deliver([](Peer &peer) { peer.reset(); });
     EXPECT_TRUE(rude == 0 || rude == PACKETERRSEND || rude == PACKETERRRECV) << rude;
 
-    const Mail nobody{"127.0.0.1", 1, "h", "f@h", "a@x", "s", "t"};
+    const OwnedFd silent(socket(AF_INET, SOCK_STREAM, 0));  // bound, and nobody listens
+    const sockaddr_in any = address_of("127.0.0.1", 0);
+    ASSERT_EQ(bind(silent.get(), reinterpret_cast<const sockaddr *>(&any), sizeof any), 0);
+    const Mail nobody{"127.0.0.1", port_of(silent.get()), "h", "f@h", "a@x", "s", "t"};
     EXPECT_EQ(packet_mail_deliver(nobody, 20s), PACKETERRCONNECT);
     EXPECT_EQ(errno, ECONNREFUSED);
 }

@@ -46,6 +46,7 @@ std::string handled_signals() {
 /** With -D a daemon stays in the foreground, but has its log and its slot. */
 TEST_F(Signals, AreHandledAsTheFormOfTheProcessAsks) {
     const std::tuple<Strings, StartForm, std::string> rows[] = {
+        // at last the signals, and the mode
         {{"prog"}, {.log = 1, .processes = 1}, "TERM INT PIPE USR2 2"},
         {{"-D"}, {.daemon = 1}, "TERM INT PIPE USR2 1"},
         {{"other", "a", "-D"}, {.daemon = 1}, "TERM INT PIPE USR2 1"},

@@ -113,12 +113,12 @@ private:
 class Client : public testing::Test {
 protected:
     Client() {
-        before_ = process_context.running;
         process_context.running = 1;
+        process_context.noAccessKeyCheck = 1;  // else the keys would be read, which is done once in a process
     }
     ~Client() override {
         raclient_udp_destroy(client);
-        process_context.running = before_;
+        process_context = before_;
         signal(SIGUSR1, SIG_DFL);
     }
     RA_CLIENT_S *client = nullptr;
@@ -144,7 +144,7 @@ protected:
     }
 
 private:
-    int before_;
+    const PROCESS_S before_ = process_context;
 };
 
 void echo(const FakeServer &self, const std::string &request, int) { self.reply(answer(request, request.substr(7))); }

@@ -50,7 +50,10 @@ TEST_F(ClientProgram, ShowsAnswersInEachForm) {
     const std::string rows = "anna  Anna \"B.\"      0000000f\nbj    Bj\u00f6rn\nlat   " + latin + "  1\n";
     EXPECT_EQ(raclient({"--table", "3"}, list).output, rows);
     EXPECT_EQ(raclient({"--table", "ID,N\u00e4me,V"}, list).output, "ID    N\u00e4me           V\n" + rows);
-    EXPECT_EQ(raclient({"--table", "3"}, {"DB", "G", "USERS", "ID", "x", "NAME"}).output, "101\n");
+    const ProgramEnd refused = raclient({"--table", "3"}, {"DB", "G", "USERS", "ID", "x", "NAME"});
+    EXPECT_EQ(refused.output, "101\n");
+    EXPECT_EQ(refused.code, 0) << "an answer is a success, whatever it says";
+    EXPECT_EQ(refused.errors, "");
     EXPECT_EQ(shell("VELROOT=" + root + " " VELMORA_BIN_DIR "/raclient 127.0.0.1 " + port +
                     " DB G USERS ID x 2>&1 > /dev/full; echo $?"),
               "raclient: the answer could not be written: No space left on device\n1\n");
