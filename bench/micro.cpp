@@ -106,17 +106,21 @@ void find_in_table(benchmark::State &state) {
     std::vector<std::string> keys;
     for (uint32_t i = 0; i < KEYS; i++) keys.push_back(make_key(i * 40503U % KEYS));
     for (const std::string &each : keys) paaInsert(table, each.data(), static_cast<int>(each.size()), table, 4);
+    const size_t step = state.range(1) != 0 ? 1 : 7919;
     size_t at = 0;
     while (state.KeepRunning()) {
-        const std::string &wanted = keys[at = (at + 7919) % KEYS];
+        const std::string &wanted = keys[at = (at + step) % KEYS];
         benchmark::DoNotOptimize(paaFind(table, wanted.data(), static_cast<int>(wanted.size()), nullptr));
     }
     paaDestroy(table);
 }
-BENCHMARK(find_in_table<spread_key>)->ArgName("large")->Arg(0)->Arg(PAAFLAGLARGE);
-BENCHMARK(find_in_table<chosen_key>)->ArgName("large")->Arg(0)->Arg(PAAFLAGLARGE);
-BENCHMARK(find_in_table<named_key<spread_key>>)->ArgName("large")->Arg(0)->Arg(PAAFLAGLARGE);
-BENCHMARK(find_in_table<named_key<chosen_key>>)->ArgName("large")->Arg(0)->Arg(PAAFLAGLARGE);
+void in_tables(benchmark::internal::Benchmark *bench) {
+    bench->ArgNames({"large", "in_order"})->Args({0, 0})->Args({PAAFLAGLARGE, 0});
+}
+BENCHMARK(find_in_table<spread_key>)->Apply(in_tables)->Args({PAAFLAGLARGE, 1});
+BENCHMARK(find_in_table<chosen_key>)->Apply(in_tables);
+BENCHMARK(find_in_table<named_key<spread_key>>)->Apply(in_tables);
+BENCHMARK(find_in_table<named_key<chosen_key>>)->Apply(in_tables);
 
 size_t heap_in_use() { return mallinfo2().uordblks; }
 
